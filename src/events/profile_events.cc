@@ -1,0 +1,78 @@
+#include "events/profile_events.h"
+
+#include "database/accounting_db_api.h"
+#include "delivery/queues.h"
+#include "frame/console.h"
+#include "frame/memory.h"
+#include "radius/radius_send_recieve.h"
+
+// These arms report under the name of the loop that runs them.
+#define OVAT_MODULE "accounting"
+#define OVAT_FUNC "do_event_handler_ovat"
+
+void accounting_event_remove(const struct ovat_remove_event *ev)
+{
+    struct accounting_radius *radius = search_radius_by_interface(ev->interface, PROFILE_TYPE_NORMAL);
+    if (!radius) {
+        TRACE_AT(OVAT_MODULE, OVAT_FUNC, "search_radius fail.\n");
+        return;
+    }
+    // Without memory for the Accounting-Off the profile is still taken out
+    // of service: the operator asked for it to go, and a profile left in
+    // place would keep accounting its sessions.
+    struct accounting_node *node = add_new_node_for_on_off(radius);
+    if (node) {
+        send_accounting(node, ACCOUNTING_OFF);
+        insert_node_to_queue(node, QUEUE_TYPE_REQUEST);
+    }
+    remove_radius(radius);
+    if (!node && radius->on_off_count == 0) {
+        // Nothing will ever end a transaction for it: release it now.
+        empty_radius_profile(radius);
+        mtr_free(radius);
+    }
+}
+
+void accounting_event_ac_ip_change(const struct ovat_ac_ip_change *ev)
+{
+    TRACE("accounting_event_AC_ip_change\n");
+    replace_radius_to_new_ac_ip(ev->old_ac_ip, ev->new_ac_ip);
+}
+
+void accounting_event_shared_secret_change(const struct ovat_ac_ip_change *ev)
+{
+    TRACE("ACCOUNTING_EVENT_AC_SHARED_SECRET_KEY_CHANGE\n");
+    replace_radius_to_new_ac_shared_secet_key(ev->old_ac_ip, ev->new_ac_ip);
+}
+
+void accounting_event_init(const struct ovat_config_event *ev)
+{
+    TRACE("accounting_event_init\n");
+    struct accounting_radius *radius = add_radius(ev->interface, PROFILE_TYPE_NORMAL);
+    if (!radius) {
+        TRACE_AT(OVAT_MODULE, OVAT_FUNC, "add_radius fail.\n");
+        return;
+    }
+    if (update_radius_profile(radius, ev, PROFILE_TYPE_NORMAL) == -1) {
+        TRACE_AT(OVAT_MODULE, OVAT_FUNC, "update_radius_profile fail\n");
+        return;
+    }
+    struct accounting_node *node = add_new_node_for_on_off(radius);
+    if (!node)
+        return;
+    send_accounting(node, ACCOUNTING_ON);
+    insert_node_to_queue(node, QUEUE_TYPE_REQUEST);
+}
+
+void ovat_exit_remove_radius_all(void)
+{
+    struct list_head *head = &total_radius_server_header;
+    for (struct list_head *p = head->next, *next = p->next; p != head; p = next, next = p->next) {
+        auto *radius = list_entry(p, struct accounting_radius, total_radius_server);
+        struct accounting_node *node = add_new_node_for_on_off(radius);
+        if (!node)
+            continue;  // the others still get their Accounting-Off
+        send_accounting(node, ACCOUNTING_OFF);
+        free_accounting_node(node);
+    }
+}

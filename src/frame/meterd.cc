@@ -1,0 +1,115 @@
+// Start-up of the daemon: mode, options, sockets, pid file, lock, threads.
+#include "frame/meterd.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "database/accounting_db_api.h"
+#include "delivery/scheduler.h"
+#include "frame/control.h"
+#include "platform/platform.h"
+#include "radius/radius_send_recieve.h"
+
+int is_cloud;
+int debug;
+char global_ap_mac[32];
+pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+
+int mtrd_write_pid(const char *fname)
+{
+    FILE *fp = fopen(fname, "w");
+    if (!fp)
+        return -1;
+    fprintf(fp, "%d", static_cast<int>(getpid()));
+    fclose(fp);
+    return 0;
+}
+
+void trimnewline(char *buf)
+{
+    size_t len = strlen(buf);
+    for (size_t i = 0; i < len; i++)
+        if (buf[i] == '\n')
+            buf[i] = '\0';
+}
+
+int notify_flush_all(void)
+{
+    return 0;
+}
+
+void set_operating_mode(int mode)
+{
+    // Only these two modes decide; every other answer keeps the default.
+    if (mode == WHOPMODE_STANDALONE || mode == WHOPMODE_MANAGED)
+        is_cloud = 0;
+    else if (mode == WHOPMODE_CLOUD)
+        is_cloud = 1;
+}
+
+namespace {
+
+struct thread_entry {
+    void *(*run)(void *);
+    bool cloud_only;
+};
+
+// Started in this order and joined in it. The station, UAM and portal
+// threads take their places here as their sources arrive.
+const thread_entry thread_table[] = {
+    {do_response_receive, false},
+    {do_scheduler, false},
+    {do_event_handler_ovat, false},
+};
+
+}  // namespace
+
+int meterd_main(int argc, char **argv)
+{
+    set_operating_mode(merra_wlan_get_hybridmode());
+    debug = 0;
+    rrm_get_common_mac(global_ap_mac, sizeof global_ap_mac);
+    global_ap_mac[sizeof global_ap_mac - 1] = '\0';
+    trimnewline(global_ap_mac);
+
+    int opt;
+    while ((opt = getopt(argc, argv, "d")) != -1)
+        if (opt == 'd')
+            debug = 1;
+    if (debug)
+        fprintf(stderr, "meterd enters debugging mode...\n");
+
+    if (radius_init() == -1) {
+        fprintf(stderr, "meter-daemon init failed!(radius socket init fail)\n");
+        fprintf(stderr, "Meter-Daemon is finished\n");
+        return -1;
+    }
+    if (init_meterd_db() == -1) {
+        fprintf(stderr, "meter-daemon init failed!(accounting database init fail)\n");
+        fprintf(stderr, "Meter-Daemon is finished\n");
+        return -1;
+    }
+    notify_flush_all();
+    mtrd_write_pid(METERD_PID_FILE);
+    pthread_mutex_init(&mutex, nullptr);
+
+    pthread_t threads[sizeof thread_table / sizeof thread_table[0]];
+    size_t started = 0;
+    for (const thread_entry &t : thread_table) {
+        if (t.cloud_only && !is_cloud)
+            continue;
+        if (pthread_create(&threads[started], nullptr, t.run, nullptr) != 0) {
+            fprintf(stderr, "pthread_create fail\n");
+            abort();  // a daemon without one of its threads is no daemon
+        }
+        started++;
+    }
+    for (size_t i = 0; i < started; i++)
+        pthread_join(threads[i], nullptr);
+
+    pthread_mutex_destroy(&mutex);
+    pthread_exit(nullptr);
+}

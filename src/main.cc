@@ -1,0 +1,6 @@
+#include "frame/meterd.h"
+
+int main(int argc, char **argv)
+{
+    return meterd_main(argc, argv);
+}

@@ -1,0 +1,107 @@
+// The daemon's one UDP socket: every request to every server leaves through
+// it and every response comes in on it.
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "frame/console.h"
+#include "radius/radius_send_recieve.h"
+
+int sockfd = -1;
+
+namespace {
+
+ssize_t system_sendto(int fd, const void *buf, size_t len, const struct sockaddr_in *to)
+{
+    return sendto(fd, buf, len, 0, reinterpret_cast<const struct sockaddr *>(to), sizeof *to);
+}
+
+// Resolved before every send, so a server whose address changes is followed
+// without any event. On failure acct_ip keeps its last good value.
+int host2server(radius_server *server)
+{
+    if (inet_aton(server->hostname, &server->acct_ip))
+        return 0;
+    struct hostent *h = gethostbyname(server->hostname);
+    if (h && h->h_addrtype == AF_INET && h->h_addr_list[0]) {
+        memcpy(&server->acct_ip, h->h_addr_list[0], sizeof server->acct_ip);
+        return 0;
+    }
+    return -1;
+}
+
+}  // namespace
+
+radius_sendto_fn radius_sendto = system_sendto;
+
+int radius_init(void)
+{
+    sockfd = socket(AF_INET, SOCK_DGRAM, 0);
+    struct sockaddr_in local;
+    memset(&local, 0, sizeof local);
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(INADDR_ANY);
+    local.sin_port = 0;
+    if (bind(sockfd, reinterpret_cast<struct sockaddr *>(&local), sizeof local) < 0) {
+        if (sockfd >= 0)
+            close(sockfd);
+        fprintf(stderr, "No open port we could bind to.\n");
+        return -1;
+    }
+    return 0;
+}
+
+int send_accounting(struct accounting_node *node, int status)
+{
+    struct user_accounting_info *self = node->self;
+    radius_server *server;
+    if (self->server == SERVER_PRIMARY) {
+        server = self->acct_radius->primary_server;
+        if (server)
+            TRACE("srv host name is: %s\n", server->hostname);
+    } else {
+        server = self->acct_radius->backup_server;
+        if (server)
+            TRACE("backup srv name is: %s\n", server->hostname);
+    }
+    if (!server) {
+        TRACE_AT("radius_send_recieve", __func__, "internal error, miss radius server\n");
+        return -1;
+    }
+
+    host2server(server);
+    struct sockaddr_in to;
+    memset(&to, 0, sizeof to);
+    to.sin_family = AF_INET;
+    to.sin_addr = server->acct_ip;
+    to.sin_port = htons(static_cast<uint16_t>(server->acct_port));
+    TRACE("send port:%d, %d \n", to.sin_port, server->acct_port);
+
+    if (!self->request) {
+        TRACE("gen accounting msg.\n");
+        if (accounting_msg(node, status) != 0)
+            return -1;
+        TRACE("request addr: %p\n", static_cast<void *>(self->request));
+    }
+    AUTH_HDR *request = self->request;
+    size_t length = ntohs(request->length);
+    TRACE("request code: %d, length: %d\n", request->code, static_cast<int>(length));
+    if (radius_sendto(sockfd, request, length, &to) < 0) {
+        int err = errno;
+        TRACE("accounting send fail.\n");
+        TRACE("%s\n", strerror(err));
+        return -1;
+    }
+    return 0;
+}
+
+int radius_recv(AUTH_HDR *response)
+{
+    ssize_t n = recvfrom(sockfd, response, RADIUS_RECV_LEN, 0, nullptr, nullptr);
+    return (n >= 1 && n <= RADIUS_RECV_LEN - 1) ? 0 : -1;
+}
