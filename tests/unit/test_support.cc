@@ -1,7 +1,15 @@
 #include "test_support.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +30,50 @@ int send_fails = 0;
 
 namespace {
 time_t fake_clock() { return testenv::now; }
+
+// The console is opened with mode "w" for every message, so a plain file
+// would keep only the last one: it is a FIFO here, drained by a thread.
+struct ConsoleDrain {
+    int fd = -1;
+    std::thread reader;
+    std::atomic<bool> stop{false};
+    std::mutex lock;
+    std::string text;
+
+    void drain_available()
+    {
+        char buf[4096];
+        for (;;) {
+            ssize_t n = read(fd, buf, sizeof buf);
+            if (n <= 0)
+                break;
+            std::lock_guard<std::mutex> g(lock);
+            text.append(buf, static_cast<size_t>(n));
+        }
+    }
+
+    void start(const std::string &path)
+    {
+        fd = open(path.c_str(), O_RDWR | O_NONBLOCK);
+        stop = false;
+        text.clear();
+        reader = std::thread([this] {
+            while (!stop) {
+                struct pollfd p = {fd, POLLIN, 0};
+                if (poll(&p, 1, 20) > 0)
+                    drain_available();
+            }
+        });
+    }
+
+    void finish()
+    {
+        stop = true;
+        reader.join();
+        close(fd);
+    }
+};
+ConsoleDrain console_drain;
 
 ssize_t capture_send(int, const void *buf, size_t len, const struct sockaddr_in *to)
 {
@@ -63,9 +115,28 @@ size_t list_length(const struct list_head *head)
     return n;
 }
 
+namespace {
+// Removed profiles live on only through their queued on/off nodes.
+void collect_removed(struct list_head *queue, std::vector<struct accounting_radius *> &out)
+{
+    for (struct list_head *p = queue->next; p != queue; p = p->next) {
+        struct accounting_radius *r = reinterpret_cast<struct accounting_node *>(p)->self->acct_radius;
+        if (r && r->total_radius_server.next == nullptr &&
+            std::find(out.begin(), out.end(), r) == out.end())
+            out.push_back(r);
+    }
+}
+}  // namespace
+
 void reset_database()
 {
     mtr_alloc_fail_at(0);
+    std::vector<struct accounting_radius *> removed;
+    collect_removed(&request_queue_header, removed);
+    collect_removed(&fail_queue_header, removed);
+    for (struct list_head *p = total_interim_queue_header.next; p != &total_interim_queue_header;
+         p = p->next)
+        collect_removed(&reinterpret_cast<struct interim_queue *>(p)->interim_queue_header, removed);
     free_queue(&request_queue_header);
     free_queue(&fail_queue_header);
     while (!list_empty(&total_interim_queue_header)) {
@@ -73,6 +144,10 @@ void reset_database()
         free_queue(&q->interim_queue_header);
         list_del(&q->total_interim_queue);
         mtr_free(q);
+    }
+    for (struct accounting_radius *r : removed) {
+        empty_radius_profile(r);
+        mtr_free(r);
     }
     // Removing a profile frees its sessions wherever they wait.
     free_profiles(&total_radius_server_header);
@@ -102,11 +177,14 @@ void DbTest::SetUp()
     mtr_set_clock(fake_clock);
     radius_sendto = capture_send;
     char tmpl[] = "/tmp/meterd-console-XXXXXX";
-    int fd = mkstemp(tmpl);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    console_file_ = tmpl;
-    console_path = console_file_.c_str();
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    console_dir_ = tmpl;
+    std::string fifo = console_dir_ + "/console";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    console_drain.start(fifo);
+    static std::string path;
+    path = fifo;
+    console_path = path.c_str();
     debug = 1;
 }
 
@@ -115,16 +193,17 @@ void DbTest::TearDown()
     reset_database();
     debug = 0;
     console_path = "/dev/null";
-    unlink(console_file_.c_str());
+    console_drain.finish();
+    unlink((console_dir_ + "/console").c_str());
+    rmdir(console_dir_.c_str());
     mtr_set_clock(nullptr);
 }
 
 std::string DbTest::console()
 {
-    std::ifstream in(console_file_);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    console_drain.drain_available();
+    std::lock_guard<std::mutex> g(console_drain.lock);
+    return console_drain.text;
 }
 
 struct accounting_radius *DbTest::make_profile(const char *iface, const char *primary,

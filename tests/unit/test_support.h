@@ -42,7 +42,7 @@ protected:
     std::string console();
 
 private:
-    std::string console_file_;
+    std::string console_dir_;
 };
 
 // Frees every node, profile, scheduler entry and interim queue still held.

@@ -1,0 +1,271 @@
+// The database: list link states, node and profile life cycles, MAC forms,
+// session identifiers, and every allocation failure on their paths.
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "database/accounting_db_api.h"
+#include "frame/meterd.h"
+#include "frame/memory.h"
+#include "test_support.h"
+
+namespace {
+
+class Database : public DbTest {};
+
+bool self_linked(const struct list_head *l) { return l->next == l && l->prev == l; }
+
+TEST(Lists, LinkStatesAndMoves)
+{
+    struct list_head a = LIST_HEAD_INIT(a), b = LIST_HEAD_INIT(b);
+    struct list_head x, y;
+    INIT_LIST_HEAD(&x);
+    INIT_LIST_HEAD(&y);
+    EXPECT_TRUE(list_empty(&x));  // self-linked reads as empty
+
+    list_move_tail(&x, &a);  // a self-linked link can be moved without removal
+    list_add(&y, &a);        // front
+    EXPECT_EQ(a.next, &y);
+    EXPECT_EQ(a.prev, &x);
+    list_move(&x, &b);
+    EXPECT_EQ(a.next, &y);
+    EXPECT_EQ(y.next, &a);
+    EXPECT_EQ(b.next, &x);
+    list_del_init(&x);
+    EXPECT_TRUE(self_linked(&x));
+    EXPECT_TRUE(list_empty(&b));
+    list_del_init(&x);  // harmless a second time
+    list_del(&y);
+    EXPECT_EQ(y.next, nullptr);
+    EXPECT_EQ(y.prev, nullptr);
+    EXPECT_TRUE(list_empty(&a));
+}
+
+TEST(MacText, CanonicalAndRrmForms)
+{
+    struct Case {
+        const char *in, *out;
+    } cases[] = {
+        {"aa:bb:cc:dd:ee:0f", "AA-BB-CC-DD-EE-0F"},
+        {"aabbccddee0f", "AA-BB-CC-DD-EE-0F"},
+        {"AA-BB-CC-DD-EE-0F", "AA-BB-CC-DD-EE-0F"},
+        {"aa:bb.cc:dd:ee:0f", "AA-BB"},  // an odd character ends the text
+        {"gg:hh:ii:jj:kk:ll", "GG-HH-II-JJ-KK-LL"},  // normalises, does not validate
+        {"aa:bb:cc:dd:ee:f", ""},                    // 16 characters
+        {"", ""},
+    };
+    for (const Case &c : cases) {
+        char out[18] = {0};
+        change_mac_format(out, c.in);
+        EXPECT_STREQ(out, c.out) << c.in;
+    }
+    char rrm[18];
+    change_mac_to_rrm_format(rrm, "AA-BB-CC-DD-EE-0F");
+    EXPECT_STREQ(rrm, "aa:bb:cc:dd:ee:0f");
+}
+
+TEST(SessionId, SixteenHexDigitsAndDistinct)
+{
+    char a[32], b[32];
+    gen_session_id(a, sizeof a);
+    gen_session_id(b, sizeof b);
+    EXPECT_EQ(strlen(a), 16u);
+    EXPECT_EQ(strspn(a, "0123456789ABCDEF"), 16u);
+    EXPECT_STRNE(a, b);
+}
+
+TEST(PortalTable, HashIgnoresSeparatorsNotCase)
+{
+    EXPECT_EQ(hash_func("AA-BB-CC-DD-EE-FF"), 42);
+    EXPECT_EQ(hash_func("AA:BB:CC:DD:EE:FF"), 42);
+    EXPECT_EQ(hash_func("AABBCCDDEEFF"), 42);
+    EXPECT_EQ(hash_func("aa:bb:cc:dd:ee:ff"), 170);
+    EXPECT_EQ(hash_func(""), 0);
+    int high = hash_func("\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff");
+    EXPECT_GE(high, 0);
+    EXPECT_LT(high, 256);
+}
+
+TEST_F(Database, SessionNodeFieldsAndLinks)
+{
+    struct accounting_radius *r = make_profile("wlan-1-1", "10.0.0.1", "s", "10.0.0.2", "t");
+    accounting_msg_t m = login("alice", "aa:bb:cc:dd:ee:0f", "wlan-1-1", 300);
+    copy_text(m.auth_module, sizeof m.auth_module, "8021x");
+    m.class_length = 128;
+    memset(m.attr_class, 0x5a, sizeof m.attr_class);
+    struct accounting_node *n = add_new_node(&m, r, PROFILE_TYPE_NORMAL, 1);
+    ASSERT_NE(n, nullptr);
+    EXPECT_STREQ(n->self->user->user_mac, "AA-BB-CC-DD-EE-0F");
+    EXPECT_EQ(n->self->server, SERVER_PRIMARY);
+    EXPECT_EQ(n->self->retry_count, 1);
+    EXPECT_EQ(n->self->acc_interim, 300);
+    EXPECT_EQ(n->self->class_length, 128);
+    EXPECT_EQ(n->self->report_time, 0);
+    EXPECT_EQ(n->self->user->login_time, testenv::now);
+    EXPECT_EQ(list_length(&mac_address_header), 1u);
+    EXPECT_EQ(list_length(&ip_change_header), 1u);
+    EXPECT_EQ(list_length(&r->user_node_header), 1u);
+    EXPECT_TRUE(self_linked(&n->queue));
+
+    m.class_length = 129;  // out of range: no class at all
+    struct accounting_node *n2 = add_new_node(&m, r, PROFILE_TYPE_NORMAL, 0);
+    ASSERT_NE(n2, nullptr);
+    EXPECT_EQ(n2->self->class_length, 0);
+    EXPECT_STRNE(n->self->user->session_id, n2->self->user->session_id);
+    EXPECT_EQ(list_length(&ip_change_header), 1u);
+
+    // Freeing one session leaves the profile's other sessions in place.
+    free_accounting_node(n);
+    EXPECT_EQ(list_length(&mac_address_header), 1u);
+    EXPECT_EQ(list_length(&ip_change_header), 0u);
+    EXPECT_EQ(list_length(&r->user_node_header), 1u);
+    // A node already off its MAC list frees cleanly too.
+    ip_address_table_remove(n2);
+    free_accounting_node(n2);
+    EXPECT_TRUE(list_empty(&r->user_node_header));
+}
+
+TEST_F(Database, ServerRuleAndOnOffNodes)
+{
+    struct accounting_radius *backup_only = make_profile("wlan-1-2", "", "", "10.0.0.2", "t");
+    struct accounting_radius *none = make_profile("wlan-1-3", "", "");
+    accounting_msg_t m = login("bob", "aabbccddee01", "wlan-1-2");
+    struct accounting_node *n = add_new_node(&m, backup_only, PROFILE_TYPE_NORMAL, 0);
+    EXPECT_EQ(n->self->server, SERVER_BACKUP);
+    EXPECT_EQ(check_radius_exist(backup_only), 1);
+    EXPECT_EQ(check_radius_exist(none), 0);
+    EXPECT_EQ(check_radius_exist(nullptr), 0);
+
+    struct accounting_node *o = add_new_node_for_on_off(none);
+    ASSERT_NE(o, nullptr);
+    EXPECT_EQ(o->self->server, SERVER_NONE);
+    EXPECT_EQ(o->self->report_time, testenv::now);
+    EXPECT_EQ(none->on_off_count, 1);
+    EXPECT_TRUE(self_linked(&o->address_sorting_list));
+    free_accounting_node(o);
+    EXPECT_EQ(none->on_off_count, 1);  // only the transaction's end lowers it
+    EXPECT_EQ(list_length(&mac_address_header), 1u);
+}
+
+TEST_F(Database, PortalNasAddressRule)
+{
+    is_cloud = 1;
+    init_meterd_db();
+    struct accounting_radius *r = make_profile("wlan-1-1", "10.0.0.1", "s", "", "", PROFILE_TYPE_PORTAL);
+    ASSERT_NE(r, nullptr);
+    accounting_msg_t m = login("carol", "AA-BB-CC-DD-EE-01", "ignored");
+    unlink("/tmp/halden_ap_ip");
+    struct accounting_node *n = add_new_node(&m, r, PROFILE_TYPE_PORTAL, 1);
+    EXPECT_STREQ(n->self->nas_ip_info, "127.0.0.1");
+    EXPECT_EQ(list_length(&portal_mac_address_header), 1u);
+
+    FILE *fp = fopen("/tmp/halden_ap_ip", "w");
+    ASSERT_NE(fp, nullptr);
+    fputs("192.0.2.9\nsecond line\n", fp);
+    fclose(fp);
+    n = add_new_node(&m, r, PROFILE_TYPE_PORTAL, 1);
+    EXPECT_STREQ(n->self->nas_ip_info, "192.0.2.9");
+    unlink("/tmp/halden_ap_ip");
+
+    inet_aton("198.51.100.4", &r->nas_ip);
+    n = add_new_node(&m, r, PROFILE_TYPE_PORTAL, 1);
+    EXPECT_STREQ(n->self->nas_ip_info, "198.51.100.4");
+    is_cloud = 0;
+    reset_database();
+}
+
+TEST_F(Database, ProfileStoreSearchReplaceRemove)
+{
+    struct accounting_radius *a = make_profile("wlan-1-1", "ac.example", "old", "ac.example", "b");
+    struct accounting_radius *b = make_profile("wlan-1-1", "ac.example", "old");
+    struct accounting_radius *c = make_profile("wlan-1-2", "other", "x");
+    EXPECT_EQ(a->time_out, 5);
+    EXPECT_EQ(a->retry_count, 3);
+    EXPECT_EQ(a->acct_status, ACCOUNTING_ON);
+    // The older of two profiles of one name is the one found.
+    EXPECT_EQ(search_radius_by_interface("wlan-1-1", PROFILE_TYPE_NORMAL), a);
+    EXPECT_EQ(search_radius_by_interface("wlan-1-1", PROFILE_TYPE_PORTAL), nullptr);
+    EXPECT_EQ(search_radius_by_interface("wlan-1-1", 7), nullptr);
+
+    replace_radius_to_new_ac_shared_secet_key("ac.example", "new");
+    replace_radius_to_new_ac_ip("ac.example", "192.0.2.1");
+    EXPECT_STREQ(a->primary_server->secret, "new");
+    EXPECT_STREQ(b->primary_server->secret, "new");
+    EXPECT_STREQ(a->primary_server->hostname, "192.0.2.1");
+    EXPECT_STREQ(b->primary_server->hostname, "192.0.2.1");
+    EXPECT_STREQ(a->backup_server->hostname, "ac.example");  // backups are never touched
+    EXPECT_STREQ(c->primary_server->hostname, "other");
+
+    accounting_msg_t m = login("dave", "AA-BB-CC-DD-EE-02", "wlan-1-1");
+    add_new_node(&m, a, PROFILE_TYPE_NORMAL, 1);
+    remove_radius(a);
+    EXPECT_EQ(a->acct_status, ACCOUNTING_OFF);
+    EXPECT_EQ(a->total_radius_server.next, nullptr);
+    EXPECT_TRUE(list_empty(&mac_address_header));
+    EXPECT_TRUE(list_empty(&ip_change_header));
+    EXPECT_EQ(search_radius_by_interface("wlan-1-1", PROFILE_TYPE_NORMAL), b);
+    empty_radius_profile(a);
+    EXPECT_EQ(a->primary_server, nullptr);
+    mtr_free(a);
+}
+
+TEST_F(Database, TextFieldsAreCutToTheirSize)
+{
+    struct ovat_config_event cfg;
+    memset(&cfg, 'x', sizeof cfg);  // no terminator anywhere
+    cfg.port = 1813;
+    cfg.backup_port = 1814;
+    struct accounting_radius *r = add_radius(cfg.interface, PROFILE_TYPE_NORMAL);
+    ASSERT_EQ(update_radius_profile(r, &cfg, PROFILE_TYPE_NORMAL), 0);
+    EXPECT_EQ(strlen(r->interface), 63u);
+    EXPECT_EQ(strlen(r->primary_server->hostname), 63u);
+    EXPECT_EQ(strlen(r->primary_server->secret), 64u);
+
+    accounting_msg_t m;
+    memset(&m, 'y', sizeof m);
+    m.class_length = 0;
+    struct accounting_node *n = add_new_node(&m, r, PROFILE_TYPE_NORMAL, 0);
+    ASSERT_NE(n, nullptr);
+    EXPECT_EQ(strlen(n->self->user->user_name), 63u);
+    EXPECT_EQ(strlen(n->self->nas_ip_info), 32u);
+    EXPECT_EQ(strlen(n->self->user->user_mac), 0u);  // 32 characters: no MAC form
+}
+
+TEST_F(Database, EveryAllocationFailureLeavesNothingBehind)
+{
+    // add_new_node makes three allocations; failing any one frees the rest.
+    struct accounting_radius *r = make_profile("wlan-1-1", "10.0.0.1", "s");
+    accounting_msg_t m = login("erin", "AA-BB-CC-DD-EE-03", "wlan-1-1");
+    for (unsigned long nth = 1; nth <= 3; nth++) {
+        mtr_alloc_fail_at(nth);
+        EXPECT_EQ(add_new_node(&m, r, PROFILE_TYPE_NORMAL, 1), nullptr) << nth;
+        EXPECT_TRUE(list_empty(&mac_address_header));
+        EXPECT_TRUE(list_empty(&ip_change_header));
+        EXPECT_TRUE(list_empty(&r->user_node_header));
+    }
+    for (unsigned long nth = 1; nth <= 2; nth++) {
+        mtr_alloc_fail_at(nth);
+        EXPECT_EQ(add_new_node_for_on_off(r), nullptr);
+        EXPECT_EQ(r->on_off_count, 0);
+    }
+    mtr_alloc_fail_at(1);
+    EXPECT_EQ(add_radius("wlan-1-9", PROFILE_TYPE_NORMAL), nullptr);
+    EXPECT_EQ(list_length(&total_radius_server_header), 1u);
+
+    // A server record that cannot be had leaves the profile half filled.
+    struct ovat_config_event cfg;
+    memset(&cfg, 0, sizeof cfg);
+    copy_text(cfg.hostname, sizeof cfg.hostname, "p");
+    copy_text(cfg.backup_hostname, sizeof cfg.backup_hostname, "b");
+    struct accounting_radius *half = add_radius("wlan-1-8", PROFILE_TYPE_NORMAL);
+    mtr_alloc_fail_at(2);
+    EXPECT_EQ(update_radius_profile(half, &cfg, PROFILE_TYPE_NORMAL), -1);
+    EXPECT_NE(half->primary_server, nullptr);
+    EXPECT_EQ(half->backup_server, nullptr);
+    EXPECT_EQ(half->time_out, 0);
+}
+
+}  // namespace
