@@ -103,6 +103,10 @@ typedef struct termination_cause_s {
     const char *reason;
 } termination_cause_t;
 
+// Acct-Terminate-Cause of each uam_logout_cause, searched first row first.
+enum { TERMINATION_CAUSE_COUNT = 7 };
+extern const termination_cause_t termination_cause_array[TERMINATION_CAUSE_COUNT];
+
 // Builds and signs a new request for node and status into node->self->request.
 // 0, or -1 when no memory could be had (the node then holds no request).
 int accounting_msg(struct accounting_node *node, int status);
