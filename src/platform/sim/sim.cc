@@ -1,0 +1,126 @@
+// The simulated device libraries. Each call reads its file anew, so a test
+// or an operator can change the device under a running daemon.
+#include "platform/sim/sim.h"
+
+#include <linux/netlink.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "database/accounting_db_api.h"
+#include "frame/meterd.h"
+#include "platform/platform.h"
+
+std::string sim_root = SIM_DEFAULT_ROOT;
+
+const int meterd_netlink_protocol = NETLINK_USERSOCK;
+const char meterd_platform_name[] = "sim";
+
+namespace {
+
+enum { SIM_RESULT_LEN = 1024, SIM_MAX_WORDS = 16 };
+
+void trim_line_end(std::string *s)
+{
+    while (!s->empty() && (s->back() == '\n' || s->back() == '\r'))
+        s->pop_back();
+}
+
+std::string device_mac()
+{
+    char buf[64];
+    memset(buf, 0, sizeof buf);
+    rrm_get_common_mac(buf, sizeof buf);
+    std::string mac = buf;
+    trim_line_end(&mac);
+    return mac;
+}
+
+// The client handle only has to be distinct from NULL.
+int sim_client;
+
+void *sim_init_sock(int) { return &sim_client; }
+
+void sim_close_sock(void *, int) {}
+
+// Answers "dbctl -t STA_STATISTIC-<device mac> -k <station mac> -g RX|TX"
+// from the stations file; anything it cannot answer is "N/A", as the
+// device's database says.
+int sim_gen_cmd(void *, char *result, ...)
+{
+    const char *word[SIM_MAX_WORDS];
+    int n = 0;
+    va_list ap;
+    va_start(ap, result);
+    for (const char *w = va_arg(ap, const char *); w; w = va_arg(ap, const char *))
+        if (n < SIM_MAX_WORDS)
+            word[n++] = w;
+    va_end(ap);
+
+    std::string answer = "N/A";
+    if (n == 7 && strcmp(word[0], "dbctl") == 0 && strcmp(word[1], "-t") == 0 &&
+        strcmp(word[3], "-k") == 0 && strcmp(word[5], "-g") == 0) {
+        std::string table = word[2];
+        trim_line_end(&table);
+        sim_station sta;
+        if (table == "STA_STATISTIC-" + device_mac() &&
+            sim_find_station(sim_root, word[4], &sta)) {
+            const std::string &value = strcmp(word[6], "RX") == 0   ? sta.rx
+                                       : strcmp(word[6], "TX") == 0 ? sta.tx
+                                                                    : std::string("-");
+            if (value != "-")
+                answer = value;
+        }
+    }
+    snprintf(result, SIM_RESULT_LEN, "%s", answer.c_str());
+    return 0;
+}
+
+parser_module dbcmd_module = {
+    nullptr, nullptr, nullptr, nullptr, sim_init_sock, nullptr, nullptr, sim_close_sock, sim_gen_cmd,
+};
+
+}  // namespace
+
+extern "C" {
+
+int merra_wlan_get_hybridmode(void)
+{
+    int mode = WHOPMODE_STANDALONE;
+    FILE *f = fopen((sim_root + "/hybridmode").c_str(), "r");
+    if (!f)
+        return mode;
+    if (fscanf(f, "%d", &mode) != 1)
+        mode = WHOPMODE_STANDALONE;
+    fclose(f);
+    return mode;
+}
+
+int rrm_get_common_mac(char *buf, int len)
+{
+    if (!buf || len <= 0)
+        return -1;
+    buf[0] = '\0';
+    FILE *f = fopen((sim_root + "/mac").c_str(), "r");
+    if (!f) {
+        snprintf(buf, static_cast<size_t>(len), "%s", SIM_DEFAULT_MAC);
+        return 0;
+    }
+    if (!fgets(buf, len, f))
+        buf[0] = '\0';
+    fclose(f);
+    return 0;
+}
+
+parser_module *parser_open(const char *name)
+{
+    if (name && strcmp(name, "dbcmd") == 0)
+        return &dbcmd_module;
+    return nullptr;
+}
+
+void parser_close(parser_module *) {}
+
+}  // extern "C"

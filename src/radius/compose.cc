@@ -1,0 +1,258 @@
+// Composition of Accounting-Requests: which attributes a packet carries, in
+// which order and from which field, then the signature. Runs with `mutex`
+// held by the caller of send_accounting, which guards request_id, the node
+// and its profile.
+#include <arpa/inet.h>
+
+#include <cstring>
+
+#include "database/accounting_db_api.h"
+#include "frame/clock.h"
+#include "frame/console.h"
+#include "frame/memory.h"
+#include "radius/radius_send_recieve.h"
+
+uint8_t request_id = 0;
+// Nothing assigns it: every packet carries NAS-Port 0.
+unsigned short local_port = 0;
+
+// Keyed by the node's uam_logout_cause, not by the UAM library's event numbers.
+const termination_cause_t termination_cause_array[TERMINATION_CAUSE_COUNT] = {
+    {1, 4, "Idle-Timeout"},
+    {2, 5, "Session-Timeout"},
+    {3, 10, "NAS-Request due to lease timeout"},
+    {4, 10, "NAS-Request due to reauth timeout"},
+    {5, 10, "NAS-Request due to admin force logout"},
+    {6, 1, "User-Request"},
+    {7, 1, "User-Request"},
+};
+
+namespace {
+
+enum {
+    ACCT_AUTHENTIC_RADIUS = 1,
+    NAS_PORT_TYPE_ETHERNET = 15,
+    TERMINATE_CAUSE_ADMIN_RESET = 6,
+    TERMINATE_CAUSE_NAS_REBOOT = 11,
+    VENDOR_SUBTYPE_AUTH_MODULE = 5,
+};
+
+// Length of a text field without its terminator, never beyond the field
+// nor beyond what one attribute value holds.
+size_t field_len(const char *text, size_t field_size)
+{
+    size_t cap = field_size < size_t{RADIUS_ATTR_MAX_VALUE} ? field_size : size_t{RADIUS_ATTR_MAX_VALUE};
+    return strnlen(text, cap);
+}
+
+template <size_t N>
+void add_text(AUTH_HDR *req, uint8_t type, const char (&field)[N])
+{
+    radius_msg_add_attr(req, type, reinterpret_cast<const unsigned char *>(field),
+                        field_len(field, N));
+}
+
+void add_address(AUTH_HDR *req, uint8_t type, struct in_addr addr)
+{
+    unsigned char bytes[4];
+    memcpy(bytes, &addr.s_addr, sizeof bytes);  // already in network order
+    radius_msg_add_attr(req, type, bytes, sizeof bytes);
+}
+
+// Framed-IP-Address. A Stop, and the Start that follows the station's IP
+// report, carry the stored address as it is; every other packet asks the
+// device afresh and writes the answer back into the session, so a failed
+// lookup leaves 0.0.0.0 for a later Stop.
+void add_framed_ip(AUTH_HDR *req, struct user_node_info *user, int status)
+{
+    if (status == ACCOUNTING_STOP || (status == ACCOUNTING_START && user->accounting_start == 1)) {
+        char text[INET_ADDRSTRLEN] = "";
+        inet_ntop(AF_INET, &user->user_ip, text, sizeof text);
+        TRACE("STA %s IP:%s \n", status == ACCOUNTING_STOP ? "ACCOUNTING_STOP" : "ACCOUNTING_START",
+              text);
+        add_address(req, RADIUS_ATTR_FRAMED_IP_ADDRESS, user->user_ip);
+        return;
+    }
+    if (whal_getip(user->user_mac, &user->user_ip) != 0)
+        add_address(req, RADIUS_ATTR_FRAMED_IP_ADDRESS, user->user_ip);
+}
+
+// NAS-IP-Address. With neither an address nor an identifier the node takes
+// the loopback address and keeps it for its later packets. Text that is no
+// IPv4 address gives no attribute.
+void add_nas_ip(AUTH_HDR *req, struct user_accounting_info *self)
+{
+    if (!self->nas_ip_info[0]) {
+        if (self->nas_id_info[0])
+            return;
+        copy_text(self->nas_ip_info, sizeof self->nas_ip_info, "127.0.0.1");
+    }
+    struct in_addr addr;
+    if (inet_pton(AF_INET, self->nas_ip_info, &addr) == 1)
+        add_address(req, RADIUS_ATTR_NAS_IP_ADDRESS, addr);
+}
+
+void add_head(AUTH_HDR *req, struct accounting_node *node, int status)
+{
+    struct user_accounting_info *self = node->self;
+    struct user_node_info *user = self->user;
+    if (user) {
+        TRACE("user name:%s, length:%zu\n", user->user_name,
+              field_len(user->user_name, sizeof user->user_name));
+        TRACE("user mac:%s\n", user->user_mac);
+        TRACE("session id:%s\n", user->session_id);
+        add_text(req, RADIUS_ATTR_USER_NAME, user->user_name);
+        add_framed_ip(req, user, status);
+        add_text(req, RADIUS_ATTR_ACCT_SESSION_ID, user->session_id);
+    }
+    radius_msg_add_attr_int32(req, RADIUS_ATTR_ACCT_STATUS_TYPE, status);
+    radius_msg_add_attr_int32(req, RADIUS_ATTR_ACCT_AUTHENTIC, ACCT_AUTHENTIC_RADIUS);
+    if (self->nas_id_info[0])
+        add_text(req, RADIUS_ATTR_NAS_IDENTIFIER, self->nas_id_info);
+    add_nas_ip(req, self);
+    TRACE("nas id:%s, length:%zu\n", self->nas_id_info,
+          field_len(self->nas_id_info, sizeof self->nas_id_info));
+    TRACE("nas ip:%s, length:%zu\n", self->nas_ip_info,
+          field_len(self->nas_ip_info, sizeof self->nas_ip_info));
+    radius_msg_add_attr_int32(req, RADIUS_ATTR_NAS_PORT, local_port);
+    radius_msg_add_attr_int32(req, RADIUS_ATTR_NAS_PORT_TYPE, NAS_PORT_TYPE_ETHERNET);
+}
+
+void add_session_block(AUTH_HDR *req, struct user_accounting_info *self)
+{
+    struct user_node_info *user = self->user;
+    add_text(req, RADIUS_ATTR_CALLING_STATION_ID, user->user_mac);
+    add_text(req, RADIUS_ATTR_CALLED_STATION_ID, user->called_station_id);
+    if (self->auth_module[0])
+        radius_msg_add_vendor_attr(req, ACCOUNTING_VENDOR_ID, VENDOR_SUBTYPE_AUTH_MODULE,
+                                   reinterpret_cast<const unsigned char *>(self->auth_module),
+                                   field_len(self->auth_module, sizeof self->auth_module));
+    if (self->class_length >= 1 && self->class_length <= RADIUS_ATTR_MAX_VALUE)
+        radius_msg_add_attr(req, RADIUS_ATTR_CLASS, self->acc_class,
+                            static_cast<size_t>(self->class_length));
+}
+
+void add_stop_cause(AUTH_HDR *req, struct user_node_info *user)
+{
+    const char *reason = "";
+    int cause = get_termination_cause(user->uam_logout_cause, &reason);
+    TRACE("reason code:%d, reason:%s\n", cause, reason);
+    if (cause)
+        radius_msg_add_attr_int32(req, RADIUS_ATTR_ACCT_TERMINATE_CAUSE, cause);
+}
+
+void add_tail(AUTH_HDR *req, struct accounting_node *node, int status)
+{
+    struct user_accounting_info *self = node->self;
+    if (status == ACCOUNTING_ON) {
+        radius_msg_add_attr_int32(req, RADIUS_ATTR_ACCT_TERMINATE_CAUSE, TERMINATE_CAUSE_NAS_REBOOT);
+        return;
+    }
+    if (status == ACCOUNTING_OFF || !self->user) {
+        radius_msg_add_attr_int32(req, RADIUS_ATTR_ACCT_TERMINATE_CAUSE,
+                                  TERMINATE_CAUSE_ADMIN_RESET);
+        return;
+    }
+    if (status != ACCOUNTING_START && status != ACCOUNTING_INTERIM && status != ACCOUNTING_STOP)
+        return;
+    add_session_block(req, self);
+    if (status == ACCOUNTING_STOP)
+        add_stop_cause(req, self->user);
+    accounting_report_sta(node, status, req);
+}
+
+// The secret of the server the transport will send to. A selector outside
+// 1 and 2 (a profile that gained a server after the node was made) is sent
+// to the backup, so it is signed for the backup if there is one.
+const char *signing_secret(const struct user_accounting_info *self)
+{
+    const struct accounting_radius *radius = self->acct_radius;
+    if (!radius)
+        return nullptr;
+    switch (self->server) {
+    case SERVER_PRIMARY:
+        return radius->primary_server ? radius->primary_server->secret : nullptr;
+    case SERVER_BACKUP:
+        return radius->backup_server ? radius->backup_server->secret : nullptr;
+    default:
+        if (radius->backup_server)
+            return radius->backup_server->secret;
+        if (radius->primary_server)
+            return radius->primary_server->secret;
+        return nullptr;
+    }
+}
+
+}  // namespace
+
+int get_termination_cause(int uam_logout_cause, const char **reason)
+{
+    for (const termination_cause_t &row : termination_cause_array) {
+        if (row.uam_event == uam_logout_cause) {
+            *reason = row.reason;
+            return row.acct_termination_cause;
+        }
+    }
+    return 0;
+}
+
+int accounting_report_sta(struct accounting_node *node, int status, AUTH_HDR *request)
+{
+    struct user_accounting_info *self = node->self;
+    struct user_node_info *user = self->user;
+    if (!user)
+        return 0;
+
+    // 32-bit arithmetic on the low words, as the attribute is 32 bits wide.
+    uint32_t session_time =
+        static_cast<uint32_t>(mtr_time()) - static_cast<uint32_t>(user->login_time);
+    radius_msg_add_attr_int32(request, RADIUS_ATTR_ACCT_SESSION_TIME,
+                              static_cast<int>(session_time));
+
+    if (status == ACCOUNTING_INTERIM) {
+        // A failed lookup stores 0 in both counters, and a later Stop sends them.
+        char rrm_mac[18];
+        memset(rrm_mac, 0, sizeof rrm_mac);
+        change_mac_to_rrm_format(rrm_mac, user->user_mac);
+        get_connection_status_by_ip(rrm_mac, &self->conn_tx_rx_status);
+    }
+    if (status == ACCOUNTING_STOP || status == ACCOUNTING_INTERIM) {
+        // No Gigawords attributes: only the low 32 bits travel.
+        radius_msg_add_attr_int32(request, RADIUS_ATTR_ACCT_INPUT_OCTETS,
+                                  static_cast<int>(static_cast<uint32_t>(self->conn_tx_rx_status.rx)));
+        radius_msg_add_attr_int32(request, RADIUS_ATTR_ACCT_OUTPUT_OCTETS,
+                                  static_cast<int>(static_cast<uint32_t>(self->conn_tx_rx_status.tx)));
+    }
+    // Read anew: the lookups above may have taken their time.
+    radius_msg_add_attr_int32(request, RADIUS_ATTR_EVENT_TIMESTAMP,
+                              static_cast<int>(static_cast<uint32_t>(mtr_time())));
+    return 0;
+}
+
+int accounting_msg(struct accounting_node *node, int status)
+{
+    struct user_accounting_info *self = node->self;
+    if (self->request)
+        free_accounting_msg(self);
+
+    AUTH_HDR *req = static_cast<AUTH_HDR *>(mtr_calloc(1, sizeof(AUTH_HDR)));
+    if (!req) {
+        TRACE("%s: [%s:%d]: alloc failed in accounting_msg()\n", "radius_send_recieve", __func__,
+              __LINE__);
+        return -1;
+    }
+
+    req->code = RADIUS_CODE_ACCOUNTING_REQUEST;
+    req->id = request_id++;
+    req->length = htons(RADIUS_HDR_LEN);
+
+    add_head(req, node, status);
+    add_tail(req, node, status);
+
+    const char *secret = signing_secret(self);
+    if (secret)
+        get_accounting_vector(req, secret);
+
+    self->request = req;
+    return 0;
+}

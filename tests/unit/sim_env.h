@@ -1,0 +1,63 @@
+// A simulated device of the test's own: a temporary directory that the sim
+// libraries and the built `ovat` both read, with that `ovat` on PATH.
+#ifndef METERD_TESTS_UNIT_SIM_ENV_H
+#define METERD_TESTS_UNIT_SIM_ENV_H
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "platform/sim/sim.h"
+
+class SimDevice {
+public:
+    SimDevice() : old_root_(sim_root), old_path_(getenv("PATH") ? getenv("PATH") : "")
+    {
+        char tmpl[] = "/tmp/meterd-sim-XXXXXX";
+        dir_ = mkdtemp(tmpl) ? tmpl : "/nonexistent";
+        sim_root = dir_;
+        setenv("METERD_SIM_ROOT", dir_.c_str(), 1);
+        setenv("PATH", (ovat_dir() + ":" + old_path_).c_str(), 1);
+    }
+    ~SimDevice()
+    {
+        sim_root = old_root_;
+        unsetenv("METERD_SIM_ROOT");
+        setenv("PATH", old_path_.c_str(), 1);
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
+    }
+    const std::string &dir() const { return dir_; }
+    void write(const std::string &name, const std::string &text)
+    {
+        std::ofstream(dir_ + "/" + name) << text;
+    }
+    // Puts a shell script in front of the simulated `ovat`, to shape its output.
+    void fake_ovat(const std::string &body)
+    {
+        mkdir((dir_ + "/bin").c_str(), 0755);
+        write("bin/ovat", "#!/bin/sh\n" + body + "\n");
+        chmod((dir_ + "/bin/ovat").c_str(), 0755);
+        setenv("PATH", (dir_ + "/bin:" + old_path_).c_str(), 1);
+    }
+
+private:
+    // METERD_BUILD_DIR, else the build tree of <build>/tests/unit/unit_tests.
+    static std::string ovat_dir()
+    {
+        if (const char *env = getenv("METERD_BUILD_DIR"))
+            return env;
+        std::error_code ec;
+        auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
+        return exe.parent_path().parent_path().parent_path().string();
+    }
+
+    std::string dir_, old_root_, old_path_;
+};
+
+#endif
