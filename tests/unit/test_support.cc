@@ -40,14 +40,17 @@ struct ConsoleDrain {
     std::mutex lock;
     std::string text;
 
+    // Read and append under one lock: otherwise console() can return while
+    // the thread holds bytes it has read but not yet appended, or append
+    // them behind later ones.
     void drain_available()
     {
         char buf[4096];
+        std::lock_guard<std::mutex> g(lock);
         for (;;) {
             ssize_t n = read(fd, buf, sizeof buf);
             if (n <= 0)
                 break;
-            std::lock_guard<std::mutex> g(lock);
             text.append(buf, static_cast<size_t>(n));
         }
     }

@@ -1,0 +1,181 @@
+// The request, fail and interim queues and their scheduler handlers.
+#include "delivery/queues.h"
+
+#include <cstdio>
+
+#include "database/accounting_db_api.h"
+#include "delivery/retry.h"
+#include "delivery/scheduler.h"
+#include "frame/clock.h"
+#include "frame/console.h"
+#include "frame/memory.h"
+#include "radius/radius_send_recieve.h"
+
+namespace {
+
+struct accounting_node *node_of(struct list_head *link)
+{
+    return list_entry(link, struct accounting_node, queue);
+}
+
+bool is_first(const struct accounting_node *node, const struct list_head *header)
+{
+    return node->queue.prev == header;
+}
+
+// A node whose profile has no server is dropped without a packet. Such a
+// profile never reaches fail_handler, so its on/off transactions end here:
+// the count comes down, and once the profile is removed its last on/off node
+// lets it go, or the record would live for ever. At a count of 0 no other
+// node of the profile is queued, so the walk's next node stays valid.
+void drop_node(struct accounting_node *node)
+{
+    struct accounting_radius *radius = node->self->acct_radius;
+    if (radius && !node->self->user) {
+        radius->on_off_count--;
+        if (radius->acct_status == ACCOUNTING_OFF && radius->on_off_count == 0)
+            release_radius_profile(node);
+    }
+    free_accounting_node(node);
+}
+
+// The one form of both handlers. Every due node leaves the queue (moved or
+// freed), and nothing frees another node of this queue, so the noted next
+// node stays valid.
+void serve_queue(struct list_head *header, scheduler_func self,
+                 void (*due)(struct accounting_node *node))
+{
+    time_t now = mtr_time();
+    struct list_head *next;
+    for (struct list_head *pos = header->next; pos != header; pos = next) {
+        next = pos->next;
+        struct accounting_node *node = node_of(pos);
+        if (node->self->report_time > now) {
+            // Nodes behind this one wait for it, even if they are due.
+            register_schedule(node->self->report_time, self, header);
+            return;
+        }
+        if (check_radius_exist(node->self->acct_radius) == 1)
+            due(node);
+        else
+            drop_node(node);
+    }
+}
+
+void resend(struct accounting_node *node)
+{
+    // The status counts only when a new packet must be composed: a stored
+    // request goes out again as it is.
+    send_accounting(node, ACCOUNTING_INTERIM);
+    insert_node_to_queue(node, QUEUE_TYPE_REQUEST);
+}
+
+}  // namespace
+
+int insert_node_to_queue(struct accounting_node *node, unsigned short queue_type)
+{
+    struct user_accounting_info *self = node->self;
+    struct accounting_radius *radius = self->acct_radius;
+    self->queue_type = queue_type;
+
+    switch (queue_type) {
+    case QUEUE_TYPE_REQUEST:
+        self->report_time = mtr_time() + (radius ? radius->time_out : 0);
+        queue_insert_and_sort(node, &request_queue_header);
+        TRACE("add node %p to request queue\n", static_cast<void *>(node));
+        if (is_first(node, &request_queue_header)) {
+            // The entry set for the former first node would fire too late.
+            if (node->queue.next != &request_queue_header)
+                unregister_schedule(&request_queue_header);
+            register_schedule(self->report_time, request_timeout_handler, &request_queue_header);
+        }
+        break;
+
+    case QUEUE_TYPE_FAIL:
+        self->report_time = mtr_time();
+        queue_insert_to_tail(node, &fail_queue_header);
+        TRACE("add node %p to fail queue\n", static_cast<void *>(node));
+        if (is_first(node, &fail_queue_header))
+            register_schedule(self->report_time, request_send_handler, &fail_queue_header);
+        break;
+
+    case QUEUE_TYPE_INTERIM: {
+        self->report_time = mtr_time() + self->acc_interim;
+        // Keyed by the profile's interval; the node's own interval gives the time.
+        struct list_head *header = get_interim_queue_header(radius ? radius->acc_interim : 0);
+        if (!header)
+            break;
+        queue_insert_to_tail(node, header);
+        TRACE("add node to interim queue\n");
+        TRACE("user: %s, mac: %s, interim: %d, report time: %lu\n",
+              self->user ? self->user->user_name : "", self->user ? self->user->user_mac : "",
+              self->acc_interim, static_cast<unsigned long>(self->report_time));
+        // A node with interval 0 gets no entry: it waits without Interim-Updates.
+        if (is_first(node, header) && self->acc_interim != 0) {
+            TRACE("we must add node to interim queue\n");
+            register_schedule(self->report_time, request_send_handler, header);
+        }
+        break;
+    }
+
+    default:
+        fprintf(stderr, "error queue type\n");
+        break;
+    }
+    return 0;
+}
+
+struct list_head *get_interim_queue_header(int interim)
+{
+    for (struct list_head *pos = total_interim_queue_header.next;
+         pos != &total_interim_queue_header; pos = pos->next) {
+        auto *queue = list_entry(pos, struct interim_queue, total_interim_queue);
+        if (queue->interim == interim)
+            return &queue->interim_queue_header;
+    }
+    auto *queue = static_cast<struct interim_queue *>(mtr_malloc(sizeof(struct interim_queue)));
+    if (!queue) {
+        fprintf(stderr, "insufficient memory\n");
+        return nullptr;
+    }
+    queue->interim = interim;
+    INIT_LIST_HEAD(&queue->interim_queue_header);
+    list_add_tail(&queue->total_interim_queue, &total_interim_queue_header);
+    return &queue->interim_queue_header;
+}
+
+int queue_insert_and_sort(struct accounting_node *node, struct list_head *queue_header)
+{
+    // From the tail, since a new deadline is normally the latest. Among equal
+    // deadlines the newer goes behind. The node itself is passed over so that
+    // a node already on this queue cannot be linked behind itself.
+    time_t key = node->self->report_time;
+    struct list_head *pos = queue_header->prev;
+    while (pos != queue_header &&
+           (pos == &node->queue || node_of(pos)->self->report_time > key))
+        pos = pos->prev;
+    list_move(&node->queue, pos);
+    return 0;
+}
+
+void request_timeout_handler(struct list_head *header)
+{
+    serve_queue(header, request_timeout_handler, fail_handler);
+}
+
+void request_send_handler(struct list_head *header)
+{
+    serve_queue(header, request_send_handler, resend);
+}
+
+struct accounting_node *find_request(int response_id)
+{
+    for (struct list_head *pos = request_queue_header.next; pos != &request_queue_header;
+         pos = pos->next) {
+        struct accounting_node *node = node_of(pos);
+        // A node can wait here without a packet: no server, or no memory.
+        if (node->self->request && node->self->request->id == response_id)
+            return node;
+    }
+    return nullptr;
+}
