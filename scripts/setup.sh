@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs what building and testing meterd need on Debian 12 (run as root).
+# Idempotent: apt is only asked when something is missing.
+set -euo pipefail
+
+packages=(
+  build-essential cmake g++ clang-14 clang libgtest-dev googletest
+  freeradius freeradius-utils python3 python3-pyrad faketime iproute2 util-linux
+  g++-mips-linux-gnu g++-arm-linux-gnueabihf qemu-user
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "setup.sh: missing packages (${missing[*]}); run as root to install them" >&2
+  exit 1
+fi
+echo "setup.sh: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+# The FreeRADIUS package would start a system-wide server; tests run their own.
+policy=/usr/sbin/policy-rc.d
+if [ ! -e "$policy" ]; then
+  printf '#!/bin/sh\nexit 101\n' > "$policy" && chmod +x "$policy"
+  trap 'rm -f "$policy"' EXIT
+fi
+apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
