@@ -18,29 +18,20 @@ class Database : public DbTest {};
 
 bool self_linked(const struct list_head *l) { return l->next == l && l->prev == l; }
 
-TEST(Lists, LinkStatesAndMoves)
+TEST(Lists, NodeLinksStayLinkedOrSelfLinked)
 {
-    struct list_head a = LIST_HEAD_INIT(a), b = LIST_HEAD_INIT(b);
-    struct list_head x, y;
+    struct list_head a = LIST_HEAD_INIT(a), b = LIST_HEAD_INIT(b), x;
     INIT_LIST_HEAD(&x);
-    INIT_LIST_HEAD(&y);
-    EXPECT_TRUE(list_empty(&x));  // self-linked reads as empty
-
-    list_move_tail(&x, &a);  // a self-linked link can be moved without removal
-    list_add(&y, &a);        // front
-    EXPECT_EQ(a.next, &y);
-    EXPECT_EQ(a.prev, &x);
+    list_move_tail(&x, &a);  // a never-queued link moves without a removal
     list_move(&x, &b);
-    EXPECT_EQ(a.next, &y);
-    EXPECT_EQ(y.next, &a);
+    EXPECT_TRUE(list_empty(&a));
     EXPECT_EQ(b.next, &x);
     list_del_init(&x);
-    EXPECT_TRUE(self_linked(&x));
-    EXPECT_TRUE(list_empty(&b));
     list_del_init(&x);  // harmless a second time
-    list_del(&y);
-    EXPECT_EQ(y.next, nullptr);
-    EXPECT_EQ(y.prev, nullptr);
+    EXPECT_TRUE(self_linked(&x) && list_empty(&b));
+    list_add(&x, &a);
+    list_del(&x);
+    EXPECT_EQ(x.next, nullptr);
     EXPECT_TRUE(list_empty(&a));
 }
 
@@ -100,11 +91,7 @@ TEST_F(Database, SessionNodeFieldsAndLinks)
     ASSERT_NE(n, nullptr);
     EXPECT_STREQ(n->self->user->user_mac, "AA-BB-CC-DD-EE-0F");
     EXPECT_EQ(n->self->server, SERVER_PRIMARY);
-    EXPECT_EQ(n->self->retry_count, 1);
-    EXPECT_EQ(n->self->acc_interim, 300);
     EXPECT_EQ(n->self->class_length, 128);
-    EXPECT_EQ(n->self->report_time, 0);
-    EXPECT_EQ(n->self->user->login_time, testenv::now);
     EXPECT_EQ(list_length(&mac_address_header), 1u);
     EXPECT_EQ(list_length(&ip_change_header), 1u);
     EXPECT_EQ(list_length(&r->user_node_header), 1u);
