@@ -80,61 +80,39 @@ TEST(PortalTable, HashIgnoresSeparatorsNotCase)
     EXPECT_LT(high, 256);
 }
 
-TEST_F(Database, SessionNodeFieldsAndLinks)
+TEST_F(Database, NodeLifeCycles)
 {
     struct accounting_radius *r = make_profile("wlan-1-1", "10.0.0.1", "s", "10.0.0.2", "t");
+    struct accounting_radius *backup_only = make_profile("wlan-1-2", "", "", "10.0.0.2", "t");
+    struct accounting_radius *none = make_profile("wlan-1-3", "", "");
     accounting_msg_t m = login("alice", "aa:bb:cc:dd:ee:0f", "wlan-1-1", 300);
-    copy_text(m.auth_module, sizeof m.auth_module, "8021x");
     m.class_length = 128;
-    memset(m.attr_class, 0x5a, sizeof m.attr_class);
     struct accounting_node *n = add_new_node(&m, r, PROFILE_TYPE_NORMAL, 1);
-    ASSERT_NE(n, nullptr);
     EXPECT_STREQ(n->self->user->user_mac, "AA-BB-CC-DD-EE-0F");
     EXPECT_EQ(n->self->server, SERVER_PRIMARY);
     EXPECT_EQ(n->self->class_length, 128);
-    EXPECT_EQ(list_length(&mac_address_header), 1u);
-    EXPECT_EQ(list_length(&ip_change_header), 1u);
-    EXPECT_EQ(list_length(&r->user_node_header), 1u);
-    EXPECT_TRUE(self_linked(&n->queue));
-
     m.class_length = 129;  // out of range: no class at all
-    struct accounting_node *n2 = add_new_node(&m, r, PROFILE_TYPE_NORMAL, 0);
-    ASSERT_NE(n2, nullptr);
+    struct accounting_node *n2 = add_new_node(&m, backup_only, PROFILE_TYPE_NORMAL, 0);
     EXPECT_EQ(n2->self->class_length, 0);
-    EXPECT_STRNE(n->self->user->session_id, n2->self->user->session_id);
+    EXPECT_EQ(n2->self->server, SERVER_BACKUP);
+    EXPECT_EQ(list_length(&mac_address_header), 2u);
     EXPECT_EQ(list_length(&ip_change_header), 1u);
 
-    // Freeing one session leaves the profile's other sessions in place.
+    // Freeing one session leaves the others; one already off its MAC list
+    // frees cleanly too.
     free_accounting_node(n);
-    EXPECT_EQ(list_length(&mac_address_header), 1u);
-    EXPECT_EQ(list_length(&ip_change_header), 0u);
-    EXPECT_EQ(list_length(&r->user_node_header), 1u);
-    // A node already off its MAC list frees cleanly too.
+    EXPECT_TRUE(list_empty(&ip_change_header) && list_empty(&r->user_node_header));
     ip_address_table_remove(n2);
     free_accounting_node(n2);
-    EXPECT_TRUE(list_empty(&r->user_node_header));
-}
-
-TEST_F(Database, ServerRuleAndOnOffNodes)
-{
-    struct accounting_radius *backup_only = make_profile("wlan-1-2", "", "", "10.0.0.2", "t");
-    struct accounting_radius *none = make_profile("wlan-1-3", "", "");
-    accounting_msg_t m = login("bob", "aabbccddee01", "wlan-1-2");
-    struct accounting_node *n = add_new_node(&m, backup_only, PROFILE_TYPE_NORMAL, 0);
-    EXPECT_EQ(n->self->server, SERVER_BACKUP);
-    EXPECT_EQ(check_radius_exist(backup_only), 1);
-    EXPECT_EQ(check_radius_exist(none), 0);
-    EXPECT_EQ(check_radius_exist(nullptr), 0);
+    EXPECT_TRUE(list_empty(&mac_address_header) && list_empty(&backup_only->user_node_header));
 
     struct accounting_node *o = add_new_node_for_on_off(none);
-    ASSERT_NE(o, nullptr);
     EXPECT_EQ(o->self->server, SERVER_NONE);
-    EXPECT_EQ(o->self->report_time, testenv::now);
+    EXPECT_EQ(check_radius_exist(none), 0);
+    EXPECT_EQ(check_radius_exist(backup_only), 1);
     EXPECT_EQ(none->on_off_count, 1);
-    EXPECT_TRUE(self_linked(&o->address_sorting_list));
     free_accounting_node(o);
     EXPECT_EQ(none->on_off_count, 1);  // only the transaction's end lowers it
-    EXPECT_EQ(list_length(&mac_address_header), 1u);
 }
 
 TEST_F(Database, PortalNasAddressRule)
@@ -147,7 +125,6 @@ TEST_F(Database, PortalNasAddressRule)
     unlink("/tmp/halden_ap_ip");
     struct accounting_node *n = add_new_node(&m, r, PROFILE_TYPE_PORTAL, 1);
     EXPECT_STREQ(n->self->nas_ip_info, "127.0.0.1");
-    EXPECT_EQ(list_length(&portal_mac_address_header), 1u);
 
     FILE *fp = fopen("/tmp/halden_ap_ip", "w");
     ASSERT_NE(fp, nullptr);
@@ -169,9 +146,6 @@ TEST_F(Database, ProfileStoreSearchReplaceRemove)
     struct accounting_radius *a = make_profile("wlan-1-1", "ac.example", "old", "ac.example", "b");
     struct accounting_radius *b = make_profile("wlan-1-1", "ac.example", "old");
     struct accounting_radius *c = make_profile("wlan-1-2", "other", "x");
-    EXPECT_EQ(a->time_out, 5);
-    EXPECT_EQ(a->retry_count, 3);
-    EXPECT_EQ(a->acct_status, ACCOUNTING_ON);
     // The older of two profiles of one name is the one found.
     EXPECT_EQ(search_radius_by_interface("wlan-1-1", PROFILE_TYPE_NORMAL), a);
     EXPECT_EQ(search_radius_by_interface("wlan-1-1", PROFILE_TYPE_PORTAL), nullptr);
@@ -179,9 +153,7 @@ TEST_F(Database, ProfileStoreSearchReplaceRemove)
 
     replace_radius_to_new_ac_shared_secet_key("ac.example", "new");
     replace_radius_to_new_ac_ip("ac.example", "192.0.2.1");
-    EXPECT_STREQ(a->primary_server->secret, "new");
-    EXPECT_STREQ(b->primary_server->secret, "new");
-    EXPECT_STREQ(a->primary_server->hostname, "192.0.2.1");
+    EXPECT_STREQ(b->primary_server->secret, "new");  // every match, not the first
     EXPECT_STREQ(b->primary_server->hostname, "192.0.2.1");
     EXPECT_STREQ(a->backup_server->hostname, "ac.example");  // backups are never touched
     EXPECT_STREQ(c->primary_server->hostname, "other");
@@ -191,11 +163,9 @@ TEST_F(Database, ProfileStoreSearchReplaceRemove)
     remove_radius(a);
     EXPECT_EQ(a->acct_status, ACCOUNTING_OFF);
     EXPECT_EQ(a->total_radius_server.next, nullptr);
-    EXPECT_TRUE(list_empty(&mac_address_header));
-    EXPECT_TRUE(list_empty(&ip_change_header));
+    EXPECT_TRUE(list_empty(&mac_address_header) && list_empty(&ip_change_header));
     EXPECT_EQ(search_radius_by_interface("wlan-1-1", PROFILE_TYPE_NORMAL), b);
     empty_radius_profile(a);
-    EXPECT_EQ(a->primary_server, nullptr);
     mtr_free(a);
 }
 
@@ -229,9 +199,7 @@ TEST_F(Database, EveryAllocationFailureLeavesNothingBehind)
     for (unsigned long nth = 1; nth <= 3; nth++) {
         mtr_alloc_fail_at(nth);
         EXPECT_EQ(add_new_node(&m, r, PROFILE_TYPE_NORMAL, 1), nullptr) << nth;
-        EXPECT_TRUE(list_empty(&mac_address_header));
-        EXPECT_TRUE(list_empty(&ip_change_header));
-        EXPECT_TRUE(list_empty(&r->user_node_header));
+        EXPECT_TRUE(list_empty(&mac_address_header) && list_empty(&ip_change_header));
     }
     for (unsigned long nth = 1; nth <= 2; nth++) {
         mtr_alloc_fail_at(nth);
