@@ -4,9 +4,8 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake g++ clang-14 clang libgtest-dev googletest
-  freeradius freeradius-utils python3 python3-pyrad faketime iproute2 util-linux
-  g++-mips-linux-gnu g++-arm-linux-gnueabihf qemu-user
+  build-essential binutils cmake g++ clang-14 clang libgtest-dev googletest
+  freeradius freeradius-utils python3 python3-pyrad faketime iproute2 util-linux mount
 )
 
 missing=()
