@@ -56,32 +56,45 @@ void portal_nas_ip(struct user_accounting_info *self, const struct accounting_ra
     copy_text(self->nas_ip_info, sizeof self->nas_ip_info, "127.0.0.1");
 }
 
-}  // namespace
-
-struct accounting_node *add_new_node(accounting_msg_t *event, struct accounting_radius *radius,
-                                     int type, int ipchange)
+// The node and its data, zero-filled and self-linked; NULL (with the message)
+// when either cannot be had.
+struct accounting_node *alloc_node(struct accounting_radius *radius)
 {
     auto *node = static_cast<struct accounting_node *>(mtr_calloc(1, sizeof(struct accounting_node)));
     auto *self = node ? static_cast<struct user_accounting_info *>(
                             mtr_calloc(1, sizeof(struct user_accounting_info)))
                       : nullptr;
-    auto *user = self ? static_cast<struct user_node_info *>(
-                            mtr_calloc(1, sizeof(struct user_node_info)))
-                      : nullptr;
-    if (!user) {
+    if (!self) {
         fprintf(stderr, "insufficient memory\n");
-        mtr_free(self);
         mtr_free(node);
         return nullptr;
     }
-
     node->self = self;
-    self->user = user;
     init_node_links(node);
     self->acct_radius = radius;
-    user->login_time = mtr_time();
     self->server = server_rule(radius);
     self->retry_count = 1;
+    return node;
+}
+
+}  // namespace
+
+struct accounting_node *add_new_node(accounting_msg_t *event, struct accounting_radius *radius,
+                                     int type, int ipchange)
+{
+    struct accounting_node *node = alloc_node(radius);
+    if (!node)
+        return nullptr;
+    auto *user = static_cast<struct user_node_info *>(mtr_calloc(1, sizeof(struct user_node_info)));
+    if (!user) {
+        fprintf(stderr, "insufficient memory\n");
+        mtr_free(node->self);
+        mtr_free(node);
+        return nullptr;
+    }
+    struct user_accounting_info *self = node->self;
+    self->user = user;
+    user->login_time = mtr_time();
 
     copy_field(user->user_name, sizeof user->user_name, event->user_name, sizeof event->user_name);
     gen_session_id(user->session_id, sizeof user->session_id);
@@ -122,24 +135,13 @@ struct accounting_node *add_new_node(accounting_msg_t *event, struct accounting_
 
 struct accounting_node *add_new_node_for_on_off(struct accounting_radius *radius)
 {
-    auto *node = static_cast<struct accounting_node *>(mtr_calloc(1, sizeof(struct accounting_node)));
-    auto *self = node ? static_cast<struct user_accounting_info *>(
-                            mtr_calloc(1, sizeof(struct user_accounting_info)))
-                      : nullptr;
-    if (!self) {
-        fprintf(stderr, "insufficient memory\n");
-        mtr_free(node);
+    struct accounting_node *node = alloc_node(radius);
+    if (!node)
         return nullptr;
-    }
-    node->self = self;
-    init_node_links(node);
-    self->acct_radius = radius;
     // Counted at creation, not at sending: the count is what keeps a removed
     // profile alive until its last transaction has ended.
     radius->on_off_count++;
-    self->server = server_rule(radius);
-    self->retry_count = 1;
-    self->report_time = mtr_time();
+    node->self->report_time = mtr_time();
     return node;
 }
 

@@ -112,30 +112,39 @@ void empty_radius_profile(struct accounting_radius *radius)
     radius->backup_server = nullptr;
 }
 
-void replace_radius_to_new_ac_ip(const char *old_ac_ip, const char *new_ac_ip)
+namespace {
+
+// The controller is known by the host name of the primary servers: every
+// normal profile whose primary names it takes the new value. Backups and
+// portal profiles are the cloud's, never the controller's.
+void replace_on_primaries(const char *ac_ip, const char *value, bool secret)
 {
     struct list_head *head = &total_radius_server_header;
     for (struct list_head *p = head->next; p != head; p = p->next) {
         auto *radius = list_entry(p, struct accounting_radius, total_radius_server);
-        if (radius->primary_server && strncmp(radius->primary_server->hostname, old_ac_ip, 64) == 0) {
+        radius_server *server = radius->primary_server;
+        if (!server || strncmp(server->hostname, ac_ip, sizeof server->hostname) != 0)
+            continue;
+        if (secret) {
+            TRACE("Replace interface %s's radius secret key.\n", radius->interface);
+            copy_field(server->secret, sizeof server->secret, value, 64);
+        } else {
             TRACE("Replace interface %s's radius ip.\n", radius->interface);
-            copy_field(radius->primary_server->hostname, sizeof radius->primary_server->hostname,
-                       new_ac_ip, 64);
+            copy_field(server->hostname, sizeof server->hostname, value, 64);
         }
     }
 }
 
+}  // namespace
+
+void replace_radius_to_new_ac_ip(const char *old_ac_ip, const char *new_ac_ip)
+{
+    replace_on_primaries(old_ac_ip, new_ac_ip, false);
+}
+
 void replace_radius_to_new_ac_shared_secet_key(const char *ac_ip, const char *secret_key)
 {
-    struct list_head *head = &total_radius_server_header;
-    for (struct list_head *p = head->next; p != head; p = p->next) {
-        auto *radius = list_entry(p, struct accounting_radius, total_radius_server);
-        if (radius->primary_server && strncmp(radius->primary_server->hostname, ac_ip, 64) == 0) {
-            TRACE("Replace interface %s's radius secret key.\n", radius->interface);
-            copy_field(radius->primary_server->secret, sizeof radius->primary_server->secret,
-                       secret_key, 64);
-        }
-    }
+    replace_on_primaries(ac_ip, secret_key, true);
 }
 
 int check_radius_exist(struct accounting_radius *radius)

@@ -7,20 +7,9 @@
 #include "delivery/queues.h"
 #include "delivery/retry.h"
 #include "frame/console.h"
-#include "frame/memory.h"
 #include "radius/radius_send_recieve.h"
 
 namespace {
-
-// Ends a removed profile together with its last transaction.
-void release_profile(struct accounting_node *node)
-{
-    struct accounting_radius *radius = node->self->acct_radius;
-    remove_radius_queue(node);
-    empty_radius_profile(radius);
-    mtr_free(radius);
-    node->self->acct_radius = nullptr;
-}
 
 void handle_response(AUTH_HDR *response)
 {
@@ -70,18 +59,15 @@ void handle_response(AUTH_HDR *response)
         TRACE("Accounting on. Server IP:%s\n", server->hostname);
         // A removed profile whose Accounting-Off already ran out of retries
         // is held only by this node: let it go with it.
-        if (radius->acct_status == ACCOUNTING_OFF && radius->on_off_count == 0) {
-            release_profile(node);
-            TRACE("free RADIUS profile \n");
-        }
+        if (radius->acct_status == ACCOUNTING_OFF && radius->on_off_count == 0)
+            release_radius_profile(node);
         free_accounting_node(node);
         break;
     case ACCOUNTING_OFF:
         TRACE("Accounting off. Server IP:%s\n", server->hostname);
         radius->on_off_count--;
-        release_profile(node);
+        release_radius_profile(node);
         free_accounting_node(node);
-        TRACE("free RADIUS profile \n");
         break;
     default:
         break;
