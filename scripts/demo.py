@@ -17,7 +17,7 @@ def show(title, text):
 
 
 def last_record(server):
-    with open(server.detail_path) as f:
+    with open(os.path.join(server.dir, 'detail')) as f:
         return f.read().strip().split('\n\n')[-1]
 
 
@@ -25,7 +25,7 @@ def main():
     harness.enter_namespace()
     console = harness.console()
     undo = harness.fresh_dirs()
-    server = harness.FreeRadius(SECRET, 1813).start()
+    server = harness.FreeRadius(SECRET).start()
     daemon = harness.Meterd(['-d']).start()
     try:
         show('FreeRADIUS', 'listening on 127.0.0.1:1813, client 127.0.0.1, secret "%s"' % SECRET)
@@ -41,7 +41,7 @@ def main():
         show('dump (%s)' % harness.DUMP_FILE, daemon.dump())
 
         mark = console.mark()
-        daemon.send(harness.ev_remove('wlan-1-1'))
+        daemon.send(harness.event(harness.EV_REMOVE, 'wlan-1-1'))
         console.wait_for('free RADIUS profile \n', mark)
         show('console after event 2 (remove wlan-1-1)', console.since(mark))
         server.wait_records(2)

@@ -1,14 +1,10 @@
-"""Drives the real meterd binary from outside.
-
-Every test file runs in a private mount and network namespace: /tmp and
-/var/run are fresh tmpfs mounts for each test, /dev/console is a FIFO that we
-drain, and the loopback interface belongs to us alone, so fixed paths and
-ports cannot collide with the host or with a test running in parallel.
-"""
+# Drives the real meterd binary from outside, each test file in a private mount and
+# network namespace: every test gets fresh tmpfs mounts on /tmp and /var/run, and
+# /dev/console is a FIFO that we drain.
+import functools
 import hashlib
 import os
 import re
-import signal
 import socket
 import struct
 import subprocess
@@ -17,58 +13,49 @@ import threading
 import time
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-REPO = os.path.dirname(os.path.dirname(HERE))
-BUILD_DIR = os.path.abspath(os.environ.get('METERD_BUILD_DIR', os.path.join(REPO, 'build')))
-PYTHON = '/usr/bin/python3'  # Debian's python, the one that has pyrad
+BUILD_DIR = os.path.abspath(os.environ.get('METERD_BUILD_DIR', os.path.join(
+    os.path.dirname(os.path.abspath(__file__)), '..', '..', 'build')))
 FAKETIME_LIB = '/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1'
-
-CONTROL_SOCK = '/tmp/accounting.sock'
-PORTAL_SOCK = '/tmp/accounting_portal.sock'
-PID_FILE = '/var/run/meterd.pid'
-DUMP_FILE = '/tmp/meterd_db'
-DEVSIM = '/tmp/devsim'
+CONTROL_SOCK, PID_FILE, DUMP_FILE = '/tmp/accounting.sock', '/var/run/meterd.pid', '/tmp/meterd_db'
 WORK = '/tmp/harness'  # our own scratch space, inside the per-test tmpfs
 
 EV_REMOVE, EV_AC_IP_CHANGE, EV_INIT, EV_EXIT, EV_SECRET_CHANGE = 2, 3, 4, 5, 7
 EV_DEBUG_OFF, EV_DEBUG_ON, EV_DUMP = 100, 101, 102
-EVENT_SIZE = 416
-
-
-# ---------------------------------------------------------------- namespace
-
-def enter_namespace():
-    """Re-executes the calling script under unshare unless already inside."""
-    if os.environ.get('METERD_NS') == '1':
-        return
-    env = dict(os.environ, METERD_NS='1', PYTHONUNBUFFERED='1')
-    argv = ['unshare', '--mount', '--net', '--propagation', 'private', '--',
-            PYTHON, os.path.abspath(sys.argv[0])] + sys.argv[1:]
-    try:
-        os.execvpe('unshare', argv, env)
-    except OSError as e:
-        sys.exit('cannot enter a private namespace (root needed): %s' % e)
+# What follows the header of the Accounting-On and -Off of a profile without a NAS address.
+ON_TAIL = bytes.fromhex('280600000007 2D0600000001 04067F000001 050600000000 3D060000000F 31060000000B')
+OFF_TAIL = bytes.fromhex('280600000008 2D0600000001 04067F000001 050600000000 3D060000000F 310600000006')
 
 
 def _sh(*argv):
     subprocess.run(argv, check=True)
 
 
-_console = None
+def read_file(path):
+    try:
+        with open(path, 'rb') as f:
+            return f.read().decode('latin-1')
+    except FileNotFoundError:
+        return ''
 
 
+def _poll(found, timeout, failure):
+    """Returns the first true value of found(); raises failure() at the deadline."""
+    deadline = time.monotonic() + timeout
+    while not (value := found()):
+        if time.monotonic() > deadline:
+            raise AssertionError(failure())
+        time.sleep(0.02)
+    return value
+
+
+@functools.cache
 def console():
-    """Sets the namespace up once per process (loopback up, /dev/console a
-    FIFO) and returns the console reader."""
-    global _console
-    if _console is None:
-        _sh('mount', '-t', 'tmpfs', 'tmpfs', '/tmp')
-        _sh('ip', 'link', 'set', 'lo', 'up')
-        fifo = '/tmp/.console'
-        os.mkfifo(fifo)
-        _sh('mount', '--bind', fifo, '/dev/console')
-        _console = Console('/dev/console')
-    return _console
+    """Sets the namespace up (loopback up, /dev/console a FIFO) and returns the console reader."""
+    _sh('mount', '-t', 'tmpfs', 'tmpfs', '/tmp')
+    _sh('ip', 'link', 'set', 'lo', 'up')
+    os.mkfifo('/tmp/.console')
+    _sh('mount', '--bind', '/tmp/.console', '/dev/console')
+    return Console()
 
 
 def fresh_dirs():
@@ -80,164 +67,73 @@ def fresh_dirs():
 
 
 class Console:
-    """Collects what the daemon writes on /dev/console.
+    # Opened read-write, so that a writer's open never blocks and we never see EOF.
 
-    Opened read-write so that a writer's open never blocks and we never see
-    EOF between messages."""
-
-    def __init__(self, path):
-        self._fd = os.open(path, os.O_RDWR)
-        self._text = ''
-        self._cond = threading.Condition()
+    def __init__(self):
+        self.text, self._fd = '', os.open('/dev/console', os.O_RDWR)
         threading.Thread(target=self._run, daemon=True).start()
 
     def _run(self):
         while True:
-            data = os.read(self._fd, 65536)
-            with self._cond:
-                self._text += data.decode('latin-1')
-                self._cond.notify_all()
+            self.text += os.read(self._fd, 65536).decode('latin-1')
 
     def mark(self):
-        with self._cond:
-            return len(self._text)
+        return len(self.text)
 
     def since(self, mark):
-        with self._cond:
-            return self._text[mark:]
+        return self.text[mark:]
 
-    def wait_for(self, pattern, since=0, timeout=5.0):
-        """Waits for a regex (or exact text) after `since`; returns the match."""
-        rx = re.compile(pattern if isinstance(pattern, re.Pattern) else re.escape(pattern))
-        deadline = time.monotonic() + timeout
-        with self._cond:
-            while True:
-                m = rx.search(self._text, since)
-                if m:
-                    return m
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    raise AssertionError('console never showed %r; got:\n%s'
-                                         % (rx.pattern, self._text[since:]))
-                self._cond.wait(left)
+    def wait_for(self, text, since=0, timeout=5.0, count=1):
+        """Waits for `count` times `text` (or a regex) after `since`; returns the end of the last."""
+        rx = text if isinstance(text, re.Pattern) else re.compile(re.escape(text))
+        ends = lambda: [m.end() for m in rx.finditer(self.text, since)][count - 1:]
+        return _poll(ends, timeout, lambda: 'console lacks %r; got:\n%s' % (rx.pattern, self.since(since)))[0]
 
 
-# ---------------------------------------------------------------- control datagrams
-
-def _text(s, n):
-    b = s.encode() if isinstance(s, str) else s
-    return b[:n]
-
-
-def event(event_id, payload=b''):
-    """A full control datagram: 8-byte little-endian event id, zero-padded payload."""
-    return (struct.pack('<q', event_id) + payload).ljust(EVENT_SIZE, b'\0')
+def event(event_id, *fields):
+    """A 416-byte control datagram: little-endian id, each text field in 64 bytes, zero-padded."""
+    payload = b''.join(struct.pack('64s', f.encode()) if isinstance(f, str) else f for f in fields)
+    return (struct.pack('<q', event_id) + payload).ljust(416, b'\0')
 
 
-def ev_init(interface, host='', port=0, secret='', backup_host='', backup_port=0,
-            backup_secret='', nas_ip='0.0.0.0', nas_id='', acct_interim=0):
-    payload = struct.pack('<64s64si64si65s65s2x4s65s3xi', _text(interface, 64), _text(host, 64), port,
-                          _text(backup_host, 64), backup_port, _text(secret, 65),
-                          _text(backup_secret, 65), socket.inet_aton(nas_ip), _text(nas_id, 65),
-                          acct_interim)
-    assert len(payload) == 408
-    return event(EV_INIT, payload)
+def ev_init(interface, host, port, secret, backup_host='', backup_port=0, backup_secret=''):
+    """A profile without NAS address or identifier and without interim updates."""
+    return event(EV_INIT, struct.pack('<64s64si64si65s65s', interface.encode(), host.encode(), port,
+                                      backup_host.encode(), backup_port, secret.encode(), backup_secret.encode()))
 
 
-def ev_remove(interface):
-    return event(EV_REMOVE, struct.pack('64s', _text(interface, 64)))
-
-
-def ev_ac_ip_change(old_ip, new_ip):
-    return event(EV_AC_IP_CHANGE, struct.pack('64s64s', _text(old_ip, 64), _text(new_ip, 64)))
-
-
-def ev_secret_change(ac_ip, new_secret):
-    return event(EV_SECRET_CHANGE, struct.pack('64s64s', _text(ac_ip, 64), _text(new_secret, 64)))
-
-
-def ev_exit(status=0):
-    return event(EV_EXIT, bytes([status]))
-
-
-def send_control(data):
-    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
-        s.sendto(data, CONTROL_SOCK)
-
-
-NODE_RX = re.compile(r'username: (.*?), report_time: (\d+), interface:(.*) ')
-
-
-def parse_dump(text):
-    """Splits a dump into {'scheduler': [...], 'request': [...], 'fail': [...],
-    'interim': [(interval, [...])]}; nodes are (user, report_time, interface)."""
-    out = {'scheduler': [], 'request': [], 'fail': [], 'interim': []}
-    current = None
-    for line in text.split('\n'):
-        if line.startswith('scheduler:'):
-            current = out['scheduler']
-        elif line.startswith('request queue:'):
-            current = out['request']
-        elif line.startswith('fail queue:'):
-            current = out['fail']
-        elif line.startswith('interim queue:'):
-            current = []
-            out['interim'].append((int(re.search(r'interval: (-?\d+)', line).group(1)), current))
-        elif line.startswith('radius:'):
-            current = None
-        elif line.startswith('time:'):
-            current.append(int(re.match(r'time:(\d+)', line).group(1)))
-        elif NODE_RX.fullmatch(line):
-            user, when, iface = NODE_RX.fullmatch(line).groups()
-            current.append((user, int(when), iface))
-    return out
-
-
-# ---------------------------------------------------------------- meterd
-
-SANITIZER_RX = re.compile(r'ERROR: AddressSanitizer|runtime error:|ERROR: LeakSanitizer')
+def queued(dump, interface=None):
+    """The (user, report time, interface) of every node in a dump, or only of `interface`."""
+    nodes = re.findall(r'^username: (.*?), report_time: (\d+), interface:(.*) $', dump, re.M)
+    return [n for n in nodes if interface in (None, n[2])]
 
 
 class Meterd:
-    """One daemon process, optionally on an accelerated clock."""
+    """One daemon process, optionally on a clock `speed` times faster."""
 
-    def __init__(self, args=(), speed=None, mode='1', mac='02:00:00:00:00:01', stations=''):
-        self.args, self.speed = list(args), speed
-        os.makedirs(DEVSIM, exist_ok=True)
-        for name, value in (('hybridmode', mode), ('mac', mac), ('stations', stations)):
-            path = os.path.join(DEVSIM, name)
-            if value is None:  # the simulated device then falls back to its default
-                if os.path.exists(path):
-                    os.unlink(path)
-            else:
-                with open(path, 'w') as f:
-                    f.write(value)
-        self.proc = None
+    def __init__(self, args=(), speed=None, mode='1'):
+        self.args, self.speed, self.proc = list(args), speed, None
+        os.makedirs('/tmp/devsim', exist_ok=True)
+        if os.path.exists('/tmp/devsim/hybridmode'):
+            os.unlink('/tmp/devsim/hybridmode')
+        if mode is not None:  # else the simulated device falls back to its default
+            with open('/tmp/devsim/hybridmode', 'w') as f:
+                f.write(mode)
 
-    def start(self, timeout=10.0):
-        os.makedirs(WORK, exist_ok=True)
-        env = dict(os.environ,
-                   PATH=BUILD_DIR + os.pathsep + os.environ.get('PATH', ''),
-                   ASAN_OPTIONS='detect_leaks=0:verify_asan_link_order=0',
-                   UBSAN_OPTIONS='print_stacktrace=1')
+    def start(self):
+        env = dict(os.environ, PATH=BUILD_DIR + os.pathsep + os.environ.get('PATH', ''),
+                   ASAN_OPTIONS='detect_leaks=0:verify_asan_link_order=0', UBSAN_OPTIONS='print_stacktrace=1')
         if self.speed:
-            env.update(LD_PRELOAD=FAKETIME_LIB, FAKETIME='+0 x%g' % self.speed,
-                       FAKETIME_DONT_RESET='1')
-        self.stdout_path = os.path.join(WORK, 'meterd.stdout')
+            env.update(LD_PRELOAD=FAKETIME_LIB, FAKETIME='+0 x%g' % self.speed, FAKETIME_DONT_RESET='1')
         self.stderr_path = os.path.join(WORK, 'meterd.stderr')
-        with open(self.stdout_path, 'wb') as out, open(self.stderr_path, 'wb') as err:
+        with open(self.stderr_path, 'wb') as err:
             self.proc = subprocess.Popen([os.path.join(BUILD_DIR, 'meterd')] + self.args,
-                                         stdout=out, stderr=err, env=env)
-        deadline = time.monotonic() + timeout
-        while not (os.path.exists(PID_FILE) and self._control_bound()):
-            if self.proc.poll() is not None:
-                raise AssertionError('meterd exited with %s:\n%s' % (self.proc.returncode, self.stderr()))
-            if time.monotonic() > deadline:
-                raise AssertionError('meterd did not come up:\n' + self.stderr())
-            time.sleep(0.02)
+                                         stdout=subprocess.DEVNULL, stderr=err, env=env)
+        _poll(lambda: self.proc.poll() is not None or os.path.exists(PID_FILE) and self._control_bound(),
+              10, lambda: 'meterd did not come up:\n' + self.stderr())
+        assert self.proc.poll() is None, 'meterd exited:\n' + self.stderr()
         if self.speed:
-            with open('/proc/%d/maps' % self.proc.pid) as f:
-                assert FAKETIME_LIB in f.read(), 'libfaketime was not preloaded'
+            assert FAKETIME_LIB in read_file('/proc/%d/maps' % self.proc.pid), 'libfaketime was not preloaded'
         return self
 
     @staticmethod
@@ -245,122 +141,64 @@ class Meterd:
         # connect() on a datagram socket sends nothing: it only proves that
         # someone is bound there, which a stale socket file does not.
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
-            try:
-                s.connect(CONTROL_SOCK)
-                return True
-            except OSError:
-                return False
-
-    def faked(self, real_seconds):
-        return real_seconds * (self.speed or 1)
-
-    def real(self, faked_seconds):
-        return faked_seconds / (self.speed or 1)
+            return s.connect_ex(CONTROL_SOCK) == 0
 
     def sleep(self, faked_seconds):
-        time.sleep(self.real(faked_seconds))
+        time.sleep(faked_seconds / (self.speed or 1))
 
     def stderr(self):
-        with open(self.stderr_path, 'rb') as f:
-            return f.read().decode('latin-1')
+        return read_file(self.stderr_path)
 
     def send(self, data):
-        send_control(data)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
+            s.sendto(data, CONTROL_SOCK)
 
-    def dump(self, timeout=5.0):
+    def dump(self):
         """Asks for a dump and returns its text once the file has settled."""
         if os.path.exists(DUMP_FILE):
             os.unlink(DUMP_FILE)
-        send_control(event(EV_DUMP))
-        deadline, last = time.monotonic() + timeout, None
-        while time.monotonic() < deadline:
-            time.sleep(0.05)
-            try:
-                with open(DUMP_FILE) as f:
-                    text = f.read()
-            except FileNotFoundError:
-                continue
-            if text == last and 'fail queue:' in text and text.endswith('\n'):
-                return text
-            last = text
-        raise AssertionError('no complete dump; last read: %r' % last)
+        self.send(event(EV_DUMP))
+        reads = ['']
+
+        def settled():
+            reads.append(read_file(DUMP_FILE))
+            return 'fail queue:' in reads[-1] and reads[-1] == reads[-2] and reads[-1]
+        return _poll(settled, 5, lambda: 'no complete dump; last read: %r' % reads[-1])
 
     def stop(self):
-        """Kills the daemon (it has no clean exit) and returns its stderr,
-        raising if it died early or a sanitizer spoke."""
+        """Kills the daemon (it has no clean exit), failing if it died early or a sanitizer spoke."""
         if self.proc is None:
-            return ''
+            return
         died = self.proc.poll()
-        if died is None:
-            self.proc.send_signal(signal.SIGKILL)
+        self.proc.kill()
         self.proc.wait(10)
-        self.proc = None
-        err = self.stderr()
-        if died is not None:
-            raise AssertionError('meterd died during the test (status %s):\n%s' % (died, err[-4000:]))
-        if SANITIZER_RX.search(err):
-            raise AssertionError('sanitizer report from meterd:\n' + err[-6000:])
-        return err
+        self.proc, err = None, self.stderr()
+        assert died is None, 'meterd died during the test (status %s):\n%s' % (died, err[-4000:])
+        assert not re.search(r'ERROR: (Address|Leak)Sanitizer|runtime error:', err), \
+            'sanitizer report from meterd:\n' + err[-6000:]
 
-
-# ---------------------------------------------------------------- RADIUS
 
 def request_authentic(raw, secret):
     """True if an Accounting-Request carries the Request Authenticator of `secret`."""
     from pyrad import dictionary, packet
-    pkt = packet.AcctPacket(dict=dictionary.Dictionary(), secret=secret.encode(), packet=raw)
-    return pkt.VerifyAcctRequest()
-
-
-def attributes(raw):
-    """[(type, value bytes)] of a packet, checking that the lengths add up."""
-    length = struct.unpack('!H', raw[2:4])[0]
-    assert length == len(raw), 'length field %d, datagram %d' % (length, len(raw))
-    out, pos = [], 20
-    while pos < length:
-        t, n = raw[pos], raw[pos + 1]
-        assert n >= 2 and pos + n <= length, 'bad attribute at %d' % pos
-        out.append((t, raw[pos + 2:pos + n]))
-        pos += n
-    return out
-
-
-def status_type(raw):
-    return next(struct.unpack('!I', v)[0] for t, v in attributes(raw) if t == 40)
-
-
-def response(request, secret, code=5):
-    """An attribute-less answer with its Response Authenticator."""
-    head = bytes([code, request[1]]) + struct.pack('!H', 20)
-    return head + hashlib.md5(head + request[4:20] + secret.encode()).digest()
-
-
-class Datagram:
-    def __init__(self, data, source, when):
-        self.data, self.source, self.when = data, source, when
-
-    @property
-    def id(self):
-        return self.data[1]
+    return packet.AcctPacket(dict=dictionary.Dictionary(), secret=secret.encode(), packet=raw).VerifyAcctRequest()
 
 
 class Peer:
-    """A RADIUS accounting server whose every answer the test decides.
+    # A RADIUS accounting server whose every answer the test decides: `plan` holds one
+    # action per datagram received, `default` applies after it: the Code of an answer
+    # without attributes, 'drop', or 'wrong' (an Accounting-Response signed with a wrong
+    # secret). `received` holds (monotonic time, datagram) pairs.
 
-    `plan` holds one action per datagram received, in order; `default` applies
-    after it runs out. Actions: 'answer', 'drop', 'wrong' (signed with a wrong
-    secret), 'twice', ('code', N), and 'defer' (the answer leaves only when the
-    next datagram arrives)."""
-
-    def __init__(self, secret, ip='127.0.0.1', port=0, plan=(), default='answer'):
-        self.secret, self.plan, self.default = secret, list(plan), default
+    def __init__(self, secret, ip='127.0.0.1', port=0, plan=(), default=5):
+        self.secret, self.plan, self.default, self.received = secret, list(plan), default, []
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.sock.bind((ip, port))
         self.ip, self.port = self.sock.getsockname()
-        self.received = []
-        self._deferred = None
-        self._cond = threading.Condition()
+
+    def start(self):
         threading.Thread(target=self._run, daemon=True).start()
+        return self
 
     def _run(self):
         while True:
@@ -368,47 +206,23 @@ class Peer:
                 data, source = self.sock.recvfrom(4096)
             except OSError:
                 return
-            with self._cond:
-                self.received.append(Datagram(data, source, time.monotonic()))
-                index = len(self.received) - 1
-                self._cond.notify_all()
-            if self._deferred:
-                self.sock.sendto(*self._deferred)
-                self._deferred = None
-            action = self.plan[index] if index < len(self.plan) else self.default
-            if action == 'drop':
-                continue
-            if action == 'wrong':
-                self.sock.sendto(response(data, self.secret + 'x'), source)
-            elif action == 'defer':
-                self._deferred = (response(data, self.secret), source)
-            elif isinstance(action, tuple) and action[0] == 'code':
-                self.sock.sendto(response(data, self.secret, action[1]), source)
-            else:
-                for _ in range(2 if action == 'twice' else 1):
-                    self.sock.sendto(response(data, self.secret), source)
+            self.received.append((time.monotonic(), data))
+            action = self.plan.pop(0) if self.plan else self.default
+            if action != 'drop':
+                head = bytes([5 if action == 'wrong' else action, data[1]]) + struct.pack('!H', 20)
+                secret = self.secret + ('x' if action == 'wrong' else '')
+                self.sock.sendto(head + hashlib.md5(head + data[4:20] + secret.encode()).digest(), source)
 
-    def wait_count(self, n, timeout):
-        deadline = time.monotonic() + timeout
-        with self._cond:
-            while len(self.received) < n:
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    raise AssertionError('peer %s:%d got %d datagrams, wanted %d'
-                                         % (self.ip, self.port, len(self.received), n))
-                self._cond.wait(left)
-            return list(self.received)
+    def wait(self, n, timeout=5.0):
+        _poll(lambda: len(self.received) >= n, timeout,
+              lambda: 'peer on port %d got %d datagrams, wanted %d' % (self.port, len(self.received), n))
+        return [d for _, d in self.received]
 
-    def close(self):
+    def stop(self):
         self.sock.close()
 
 
-# ---------------------------------------------------------------- FreeRADIUS
-
 _RADIUSD_CONF = '''
-libdir = /usr/lib/freeradius
-confdir = {dir}
-pidfile = {dir}/radiusd.pid
 client meterd {{
 	ipaddr = 127.0.0.1
 	secret = {secret}
@@ -416,14 +230,12 @@ client meterd {{
 modules {{
 	detail {{
 		filename = {dir}/detail
-		header = "%t"
 	}}
 }}
 server default {{
 	listen {{
 		type = acct
 		ipaddr = 127.0.0.1
-		port = {port}
 	}}
 	accounting {{
 		detail
@@ -433,72 +245,38 @@ server default {{
 
 
 class FreeRadius:
-    """FreeRADIUS with a configuration of our own: one client, one accounting
-    listener, and every accepted request written to a detail file."""
+    """FreeRADIUS on 127.0.0.1:1813: one client, every request accepted into a detail file."""
 
-    def __init__(self, secret, port=1813):
-        self.secret, self.port = secret, port
-        self.dir = os.path.join(WORK, 'freeradius-%d' % port)
-        self.detail_path = os.path.join(self.dir, 'detail')
-        self.proc = None
+    def __init__(self, secret):
+        self.secret, self.dir, self.proc = secret, os.path.join(WORK, 'freeradius'), None
 
-    def start(self, timeout=15.0):
+    def start(self):
         os.makedirs(self.dir, exist_ok=True)
         with open(os.path.join(self.dir, 'radiusd.conf'), 'w') as f:
-            f.write(_RADIUSD_CONF.format(dir=self.dir, secret=self.secret, port=self.port))
+            f.write(_RADIUSD_CONF.format(dir=self.dir, secret=self.secret))
         self.log_path = os.path.join(self.dir, 'stdout.log')
         with open(self.log_path, 'wb') as log:
-            self.proc = subprocess.Popen(['freeradius', '-f', '-d', self.dir, '-n', 'radiusd',
-                                          '-l', 'stdout'], stdout=log, stderr=subprocess.STDOUT)
-        deadline = time.monotonic() + timeout
-        while 'Ready to process requests' not in self.log():
-            if self.proc.poll() is not None or time.monotonic() > deadline:
-                raise AssertionError('FreeRADIUS did not start:\n' + self.log())
-            time.sleep(0.05)
+            self.proc = subprocess.Popen(['freeradius', '-f', '-d', self.dir, '-n', 'radiusd', '-l', 'stdout'],
+                                         stdout=log, stderr=subprocess.STDOUT)
+        failure = lambda: 'FreeRADIUS did not start:\n' + read_file(self.log_path)
+        _poll(lambda: self.proc.poll() is not None or 'Ready to process' in read_file(self.log_path), 15, failure)
+        assert self.proc.poll() is None, failure()
         return self
-
-    def log(self):
-        with open(self.log_path, 'rb') as f:
-            return f.read().decode('latin-1')
 
     def stop(self):
         if self.proc is not None:
             self.proc.terminate()
-            try:
-                self.proc.wait(10)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait()
+            self.proc.wait(10)
             self.proc = None
 
-    def records(self):
-        """The detail file as a list of {attribute: value text}."""
-        try:
-            with open(self.detail_path) as f:
-                text = f.read()
-        except FileNotFoundError:
-            return []
-        out = []
-        for block in text.strip().split('\n\n'):
-            rec = {}
-            for line in block.split('\n')[1:]:
-                name, _, value = line.strip().partition(' = ')
-                rec[name] = value.strip('"')
-            if rec:
-                out.append(rec)
-        return out
+    def wait_records(self, n):
+        """Waits for `n` detail records; returns all as {attribute: value} without Timestamp."""
+        def records():
+            blocks = [b.split('\n\t')[1:] for b in read_file(self.dir + '/detail').strip().split('\n\n') if b]
+            recs = [dict(l.replace('"', '').split(' = ', 1) for l in b if 'Timestamp' not in l) for b in blocks]
+            return len(recs) >= n and recs
+        return _poll(records, 10, lambda: 'FreeRADIUS logged under %d records:\n%s' % (n, read_file(self.log_path)))
 
-    def wait_records(self, n, timeout=10.0):
-        deadline = time.monotonic() + timeout
-        while len(self.records()) < n:
-            if time.monotonic() > deadline:
-                raise AssertionError('FreeRADIUS logged %d records, wanted %d:\n%s'
-                                     % (len(self.records()), n, self.log()))
-            time.sleep(0.05)
-        return self.records()
-
-
-# ---------------------------------------------------------------- test case
 
 class SystemTest(unittest.TestCase):
     """Gives each test a fresh /tmp and /var/run and tears down whatever it started."""
@@ -508,28 +286,21 @@ class SystemTest(unittest.TestCase):
         self.addCleanup(fresh_dirs())
         self.mark = self.console.mark()
 
-    def start_meterd(self, *args, **kw):
-        daemon = Meterd(args, **kw).start()
-        self.addCleanup(daemon.stop)
-        return daemon
+    def start(self, thing):
+        """Starts a Meterd, Peer or FreeRadius and stops it after the test."""
+        self.addCleanup(thing.stop)
+        return thing.start()
 
-    def start_freeradius(self, secret, port=1813):
-        server = FreeRadius(secret, port).start()
-        self.addCleanup(server.stop)
-        return server
+    def wait_console(self, text, count=1):
+        return self.console.wait_for(text, self.mark, count=count)
 
-    def start_peer(self, secret, **kw):
-        peer = Peer(secret, **kw)
-        self.addCleanup(peer.close)
-        return peer
 
-    def wait_console(self, pattern, timeout=5.0, count=1):
-        """Waits until the test's console output holds `pattern` `count` times."""
-        pos = self.mark
-        for _ in range(count):
-            m = self.console.wait_for(pattern, pos, timeout)
-            pos = m.end()
-        return m
+def enter_namespace():
+    """Re-executes the calling script under unshare unless already inside."""
+    if os.environ.get('METERD_NS') != '1':
+        os.execvpe('unshare', ['unshare', '--mount', '--net', '--propagation', 'private', '--',
+                               '/usr/bin/python3', os.path.abspath(sys.argv[0])] + sys.argv[1:],
+                   dict(os.environ, METERD_NS='1'))
 
 
 def main():

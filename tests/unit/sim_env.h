@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -22,7 +21,11 @@ public:
         dir_ = mkdtemp(tmpl) ? tmpl : "/nonexistent";
         sim_root = dir_;
         setenv("METERD_SIM_ROOT", dir_.c_str(), 1);
-        setenv("PATH", (ovat_dir() + ":" + old_path_).c_str(), 1);
+        // METERD_BUILD_DIR, else the build tree of <build>/tests/unit/unit_tests.
+        const char *build = getenv("METERD_BUILD_DIR");
+        std::error_code ec;
+        auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
+        use_path(build ? build : exe.parent_path().parent_path().parent_path().string());
     }
     ~SimDevice()
     {
@@ -33,30 +36,18 @@ public:
         std::filesystem::remove_all(dir_, ec);
     }
     const std::string &dir() const { return dir_; }
-    void write(const std::string &name, const std::string &text)
-    {
-        std::ofstream(dir_ + "/" + name) << text;
-    }
+    void write(const std::string &name, const std::string &text) { std::ofstream(dir_ + "/" + name) << text; }
     // Puts a shell script in front of the simulated `ovat`, to shape its output.
     void fake_ovat(const std::string &body)
     {
         mkdir((dir_ + "/bin").c_str(), 0755);
         write("bin/ovat", "#!/bin/sh\n" + body + "\n");
         chmod((dir_ + "/bin/ovat").c_str(), 0755);
-        setenv("PATH", (dir_ + "/bin:" + old_path_).c_str(), 1);
+        use_path(dir_ + "/bin");
     }
 
 private:
-    // METERD_BUILD_DIR, else the build tree of <build>/tests/unit/unit_tests.
-    static std::string ovat_dir()
-    {
-        if (const char *env = getenv("METERD_BUILD_DIR"))
-            return env;
-        std::error_code ec;
-        auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-        return exe.parent_path().parent_path().parent_path().string();
-    }
-
+    void use_path(const std::string &dir) { setenv("PATH", (dir + ":" + old_path_).c_str(), 1); }
     std::string dir_, old_root_, old_path_;
 };
 
