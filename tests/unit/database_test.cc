@@ -1,4 +1,4 @@
-// The database: list link states, node and profile life cycles, MAC forms,
+// The database: node and profile life cycles, MAC forms,
 // session identifiers, and every allocation failure on their paths.
 #include <arpa/inet.h>
 #include <unistd.h>
@@ -18,21 +18,16 @@ class Database : public DbTest {};
 
 bool self_linked(const struct list_head *l) { return l->next == l && l->prev == l; }
 
-TEST(Lists, NodeLinksStayLinkedOrSelfLinked)
+TEST(Lists, UnlinkedLinksAreSelfLinkedOrCleared)
 {
-    struct list_head a = LIST_HEAD_INIT(a), b = LIST_HEAD_INIT(b), x;
-    INIT_LIST_HEAD(&x);
+    struct list_head a = LIST_HEAD_INIT(a), x = LIST_HEAD_INIT(x);
     list_move_tail(&x, &a);  // a never-queued link moves without a removal
-    list_move(&x, &b);
-    EXPECT_TRUE(list_empty(&a));
-    EXPECT_EQ(b.next, &x);
     list_del_init(&x);
     list_del_init(&x);  // harmless a second time
-    EXPECT_TRUE(self_linked(&x) && list_empty(&b));
+    EXPECT_TRUE(self_linked(&x) && list_empty(&a));
     list_add(&x, &a);
     list_del(&x);
-    EXPECT_EQ(x.next, nullptr);
-    EXPECT_TRUE(list_empty(&a));
+    EXPECT_TRUE(x.next == nullptr && list_empty(&a));
 }
 
 TEST(MacText, CanonicalAndRrmForms)
@@ -42,11 +37,9 @@ TEST(MacText, CanonicalAndRrmForms)
     } cases[] = {
         {"aa:bb:cc:dd:ee:0f", "AA-BB-CC-DD-EE-0F"},
         {"aabbccddee0f", "AA-BB-CC-DD-EE-0F"},
-        {"AA-BB-CC-DD-EE-0F", "AA-BB-CC-DD-EE-0F"},
         {"aa:bb.cc:dd:ee:0f", "AA-BB"},  // an odd character ends the text
         {"gg:hh:ii:jj:kk:ll", "GG-HH-II-JJ-KK-LL"},  // normalises, does not validate
         {"aa:bb:cc:dd:ee:f", ""},                    // 16 characters
-        {"", ""},
     };
     for (const Case &c : cases) {
         char out[18] = {0};
@@ -58,26 +51,18 @@ TEST(MacText, CanonicalAndRrmForms)
     EXPECT_STREQ(rrm, "aa:bb:cc:dd:ee:0f");
 }
 
-TEST(SessionId, SixteenHexDigitsAndDistinct)
+TEST(Identifiers, SessionIdsAndPortalHashes)
 {
     char a[32], b[32];
     gen_session_id(a, sizeof a);
     gen_session_id(b, sizeof b);
-    EXPECT_EQ(strlen(a), 16u);
     EXPECT_EQ(strspn(a, "0123456789ABCDEF"), 16u);
     EXPECT_STRNE(a, b);
-}
-
-TEST(PortalTable, HashIgnoresSeparatorsNotCase)
-{
-    EXPECT_EQ(hash_func("AA-BB-CC-DD-EE-FF"), 42);
-    EXPECT_EQ(hash_func("AA:BB:CC:DD:EE:FF"), 42);
-    EXPECT_EQ(hash_func("AABBCCDDEEFF"), 42);
+    // Separators do not count, case does; any text stays inside the table.
+    EXPECT_EQ(hash_func("AA:BB:CC:DD:EE:FF"), hash_func("AABBCCDDEEFF"));
     EXPECT_EQ(hash_func("aa:bb:cc:dd:ee:ff"), 170);
-    EXPECT_EQ(hash_func(""), 0);
     int high = hash_func("\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff");
-    EXPECT_GE(high, 0);
-    EXPECT_LT(high, 256);
+    EXPECT_TRUE(high >= 0 && high < 256);
 }
 
 TEST_F(Database, NodeLifeCycles)
@@ -98,8 +83,8 @@ TEST_F(Database, NodeLifeCycles)
     EXPECT_EQ(list_length(&mac_address_header), 2u);
     EXPECT_EQ(list_length(&ip_change_header), 1u);
 
-    // Freeing one session leaves the others; one already off its MAC list
-    // frees cleanly too.
+    // Freeing one session leaves the others. A node's links are always
+    // linked or self-linked, so one already off its MAC list frees cleanly.
     free_accounting_node(n);
     EXPECT_TRUE(list_empty(&ip_change_header) && list_empty(&r->user_node_header));
     ip_address_table_remove(n2);

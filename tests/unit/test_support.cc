@@ -1,20 +1,11 @@
 #include "test_support.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <mutex>
-#include <thread>
-
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "database/accounting_db_api.h"
 #include "frame/clock.h"
@@ -32,51 +23,10 @@ namespace {
 time_t fake_clock() { return testenv::now; }
 
 // The console is opened with mode "w" for every message, so a plain file
-// would keep only the last one: it is a FIFO here, drained by a thread.
-struct ConsoleDrain {
-    int fd = -1;
-    std::thread reader;
-    std::atomic<bool> stop{false};
-    std::mutex lock;
-    std::string text;
-
-    // Read and append under one lock: otherwise console() can return while
-    // the thread holds bytes it has read but not yet appended, or append
-    // them behind later ones.
-    void drain_available()
-    {
-        char buf[4096];
-        std::lock_guard<std::mutex> g(lock);
-        for (;;) {
-            ssize_t n = read(fd, buf, sizeof buf);
-            if (n <= 0)
-                break;
-            text.append(buf, static_cast<size_t>(n));
-        }
-    }
-
-    void start(const std::string &path)
-    {
-        fd = open(path.c_str(), O_RDWR | O_NONBLOCK);
-        stop = false;
-        text.clear();
-        reader = std::thread([this] {
-            while (!stop) {
-                struct pollfd p = {fd, POLLIN, 0};
-                if (poll(&p, 1, 20) > 0)
-                    drain_available();
-            }
-        });
-    }
-
-    void finish()
-    {
-        stop = true;
-        reader.join();
-        close(fd);
-    }
-};
-ConsoleDrain console_drain;
+// would keep only the last one. It is a FIFO here, made large enough to hold
+// everything a test writes, and read when the test asks.
+int console_fd = -1;
+std::string console_text;
 
 ssize_t capture_send(int, const void *buf, size_t len, const struct sockaddr_in *to)
 {
@@ -184,7 +134,9 @@ void DbTest::SetUp()
     console_dir_ = tmpl;
     std::string fifo = console_dir_ + "/console";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    console_drain.start(fifo);
+    console_fd = open(fifo.c_str(), O_RDWR | O_NONBLOCK);
+    ASSERT_GE(fcntl(console_fd, F_SETPIPE_SZ, 1 << 20), 0);
+    console_text.clear();
     static std::string path;
     path = fifo;
     console_path = path.c_str();
@@ -196,7 +148,7 @@ void DbTest::TearDown()
     reset_database();
     debug = 0;
     console_path = "/dev/null";
-    console_drain.finish();
+    close(console_fd);
     unlink((console_dir_ + "/console").c_str());
     rmdir(console_dir_.c_str());
     mtr_set_clock(nullptr);
@@ -204,9 +156,11 @@ void DbTest::TearDown()
 
 std::string DbTest::console()
 {
-    console_drain.drain_available();
-    std::lock_guard<std::mutex> g(console_drain.lock);
-    return console_drain.text;
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(console_fd, buf, sizeof buf)) > 0)
+        console_text.append(buf, static_cast<size_t>(n));
+    return console_text;
 }
 
 struct accounting_radius *DbTest::make_profile(const char *iface, const char *primary,
