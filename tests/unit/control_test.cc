@@ -1,9 +1,6 @@
-// The control arms as the control thread runs them, where the real binary
-// cannot easily be made to show it: the dump of queued on/off nodes and the
-// arms under allocation failure.
+// The profile arms of the control channel under allocation failure, which
+// the real binary cannot be made to show.
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "database/accounting_db_api.h"
@@ -41,28 +38,6 @@ protected:
         send(ACCOUNTING_EVENT_REMOVE, &rm, sizeof rm);
     }
 };
-
-std::string ptr(const void *p)
-{
-    char buf[32];
-    snprintf(buf, sizeof buf, "%p", p);
-    return buf;
-}
-
-TEST_F(Control, DumpShowsOnOffNodesWithABlankUserName)
-{
-    init("wlan-1-1");
-    uint64_t dummy = 0;
-    send(ACCOUNTING_EVENT_DEBUG_DUMP, &dummy, 0);
-    std::ifstream in(METERD_DB_DUMP);
-    std::stringstream dump;
-    dump << in.rdbuf();
-    std::string due = std::to_string(testenv::now + 5);
-    EXPECT_EQ(dump.str(), "scheduler: \ntime:" + due + ", queue_header: " + ptr(&request_queue_header) +
-                              " \n\nrequest queue: " + ptr(&request_queue_header) +
-                              "\nusername:  , report_time: " + due + ", interface:wlan-1-1 \n" +
-                              "\nfail queue: " + ptr(&fail_queue_header) + "\n");
-}
 
 TEST_F(Control, ProfileArmsUnderAllocationFailure)
 {
