@@ -48,10 +48,28 @@ def _poll(found, timeout, failure):
     return value
 
 
+def _tmpfs(path):
+    """Mounts an empty tmpfs on path. A checkout below it (CI may clone into /tmp)
+    would vanish with it, so the build folder is bound back in at its own path."""
+    build = _build_fd()
+    _sh('mount', '-t', 'tmpfs', 'tmpfs', path)
+    if (BUILD_DIR + '/').startswith(path.rstrip('/') + '/'):
+        os.makedirs(BUILD_DIR)
+        # Not canonicalized: the link must lead to the folder, not to its hidden path.
+        _sh('mount', '--no-canonicalize', '--bind', '/proc/%d/fd/%d' % (os.getpid(), build),
+            BUILD_DIR)
+
+
+@functools.cache
+def _build_fd():
+    # Taken before the first tmpfs hides the folder; kept for the whole run.
+    return os.open(BUILD_DIR, os.O_PATH)
+
+
 @functools.cache
 def console():
     """Sets the namespace up (loopback up, /dev/console a FIFO) and returns the console reader."""
-    _sh('mount', '-t', 'tmpfs', 'tmpfs', '/tmp')
+    _tmpfs('/tmp')
     _sh('ip', 'link', 'set', 'lo', 'up')
     os.mkfifo('/tmp/.console')
     _sh('mount', '--bind', '/tmp/.console', '/dev/console')
@@ -61,7 +79,7 @@ def console():
 def fresh_dirs():
     """Mounts empty /tmp and /var/run over whatever is there; returns the undo."""
     for path in ('/tmp', '/var/run'):
-        _sh('mount', '-t', 'tmpfs', 'tmpfs', path)
+        _tmpfs(path)
     os.makedirs(WORK)
     return lambda: [_sh('umount', '-l', path) for path in ('/var/run', '/tmp')]
 
