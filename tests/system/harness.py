@@ -205,11 +205,13 @@ def request_authentic(raw, secret):
 class Peer:
     # A RADIUS accounting server whose every answer the test decides: `plan` holds one
     # action per datagram received, `default` applies after it: the Code of an answer
-    # without attributes, 'drop', or 'wrong' (an Accounting-Response signed with a wrong
-    # secret). `received` holds (monotonic time, datagram) pairs.
+    # without attributes, 'drop', 'wrong' (an Accounting-Response signed with a wrong
+    # secret), 'twice' (the same answer two times) or 'late' (answered only once the next
+    # copy has come). `received` holds (monotonic time, datagram) pairs.
 
     def __init__(self, secret, ip='127.0.0.1', port=0, plan=(), default=5):
         self.secret, self.plan, self.default, self.received = secret, list(plan), default, []
+        self.held = None
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.sock.bind((ip, port))
         self.ip, self.port = self.sock.getsockname()
@@ -226,10 +228,15 @@ class Peer:
                 return
             self.received.append((time.monotonic(), data))
             action = self.plan.pop(0) if self.plan else self.default
+            if self.held:  # the late answer, to the copy before: it comes after this one
+                data, self.held, action = self.held, None, 5
+            elif action == 'late':
+                self.held, action = data, 'drop'
             if action != 'drop':
-                head = bytes([5 if action == 'wrong' else action, data[1]]) + struct.pack('!H', 20)
+                head = bytes([action if isinstance(action, int) else 5, data[1]]) + struct.pack('!H', 20)
                 secret = self.secret + ('x' if action == 'wrong' else '')
-                self.sock.sendto(head + hashlib.md5(head + data[4:20] + secret.encode()).digest(), source)
+                for _ in range(2 if action == 'twice' else 1):
+                    self.sock.sendto(head + hashlib.md5(head + data[4:20] + secret.encode()).digest(), source)
 
     def wait(self, n, timeout=5.0):
         _poll(lambda: len(self.received) >= n, timeout,

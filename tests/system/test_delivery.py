@@ -85,6 +85,7 @@ class Delivery(harness.SystemTest):
         daemon = self.daemon
         peers = {i: self.start(Peer(SECRET, ip, plan=plan)) for i, ip, plan in (
             ('wlan-1-1', '127.0.0.1', ['wrong']), ('wlan-1-2', '127.0.0.1', [2]), ('wlan-1-3', '127.0.0.1', [11]),
+            ('wlan-1-4', '127.0.0.1', ['late']), ('wlan-1-5', '127.0.0.1', ['twice']),
             ('wlan-2-1', '127.0.0.1', ['drop']), ('wlan-3-1', '127.0.0.2', ['drop'] * 9))}
         moved = self.start(Peer(SECRET, '127.0.0.3', peers['wlan-3-1'].port))
         for interface, peer in peers.items():
@@ -100,11 +101,14 @@ class Delivery(harness.SystemTest):
         self.assertEqual(moved.wait(1, 15 / SPEED), peers['wlan-3-1'].wait(1))
         daemon.sleep(30)
         self.assertEqual({i: len(p.received) for i, p in dict(peers, moved=moved).items()},
-                         {'wlan-1-1': 2, 'wlan-1-2': 1, 'wlan-1-3': 1, 'wlan-2-1': 2, 'wlan-3-1': 1, 'moved': 1})
+                         {'wlan-1-1': 2, 'wlan-1-2': 1, 'wlan-1-3': 1, 'wlan-1-4': 2, 'wlan-1-5': 1,
+                          'wlan-2-1': 2, 'wlan-3-1': 1, 'moved': 1})
         self.assertEqual(len(set(peers['wlan-1-1'].wait(2))), 1)
         self.assertEqual(queued(daemon.dump()), [])
         text = self.console.since(self.mark)
-        self.assertEqual(text.count('Accounting on. Server IP:127.0.0.1\n'), 3)
+        self.assertEqual(text.count('Accounting on. Server IP:127.0.0.1\n'), 5)
+        # The second of two answers finds its request gone.
+        self.assertIn('Response packet ID %d does not match' % peers['wlan-1-5'].received[0][1][1], text)
         self.assertIn('Accounting on. Server IP:127.0.0.3\n', text)
         self.assertIn('Accounting FAIL!! Packet from RADIUS server verification fail: '
                       'The shared secret is probably incorrect\n', text)
