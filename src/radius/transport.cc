@@ -91,7 +91,13 @@ int send_accounting(struct accounting_node *node, int status)
     AUTH_HDR *request = self->request;
     size_t length = ntohs(request->length);
     TRACE("request code: %d, length: %d\n", request->code, static_cast<int>(length));
-    if (radius_sendto(sockfd, request, length, &to) < 0) {
+    // A name that has never resolved leaves 0.0.0.0, which the system would
+    // take for this host: such a packet is lost rather than sent there.
+    ssize_t sent = -1;
+    errno = EDESTADDRREQ;
+    if (to.sin_addr.s_addr != htonl(INADDR_ANY))
+        sent = radius_sendto(sockfd, request, length, &to);
+    if (sent < 0) {
         int err = errno;
         TRACE("accounting send fail.\n");
         TRACE("%s\n", strerror(err));

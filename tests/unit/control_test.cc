@@ -1,5 +1,5 @@
-// The profile arms of the control channel under allocation failure, which
-// the real binary cannot be made to show.
+// The profile arms of the control channel where the real binary cannot be
+// made to show them: allocation failure and a server that never resolved.
 #include <cstring>
 #include <string>
 
@@ -22,11 +22,11 @@ protected:
         ovat_event_input(&rec, &ev, sizeof ev);
     }
 
-    void init(const char *iface)
+    void init(const char *iface, const char *host = "127.0.0.1")
     {
         struct ovat_config_event cfg{};
         copy_text(cfg.interface, sizeof cfg.interface, iface);
-        copy_text(cfg.hostname, sizeof cfg.hostname, "127.0.0.1");
+        copy_text(cfg.hostname, sizeof cfg.hostname, host);
         cfg.port = 1813;
         send(ACCOUNTING_EVENT_INIT, &cfg, sizeof cfg);
     }
@@ -57,6 +57,15 @@ TEST_F(Control, ProfileArmsUnderAllocationFailure)
     remove("wlan-1-3");
     EXPECT_EQ(search_radius_by_interface("wlan-1-3", PROFILE_TYPE_NORMAL), nullptr);
     EXPECT_EQ(testenv::sent.size(), 1u);  // only its Accounting-On
+}
+
+TEST_F(Control, UnresolvedServerGetsNothingButTheNodeWaits)
+{
+    // Never resolved: the address is still 0.0.0.0, which means this host.
+    init("wlan-1-1", "0.0.0.0");
+    EXPECT_TRUE(testenv::sent.empty());
+    EXPECT_EQ(list_length(&request_queue_header), 1u);
+    EXPECT_NE(console().find("accounting send fail.\n"), std::string::npos);
 }
 
 }  // namespace
