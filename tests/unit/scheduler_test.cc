@@ -51,8 +51,10 @@ static std::vector<time_t> run_passes(time_t limit = 120)
     for (time_t t = t0 + SCHEDULER_TICK; t <= t0 + limit; t += SCHEDULER_TICK) {
         scheduler_pass(testenv::now = t);
         times.resize(testenv::sent.size(), t - t0);
-        if (list_empty(rq) && list_empty(fq))
-            return times.push_back(t - t0), times;
+        if (list_empty(rq) && list_empty(fq)) {
+            times.push_back(t - t0);
+            break;
+        }
     }
     return times;
 }
@@ -97,8 +99,10 @@ TEST_F(Delivery, RequestQueueSortsReplacesItsEntryAndIsSearched)
     const time_t t = testenv::now;
     struct accounting_radius *r = make_profile("wlan-1-1", "192.0.2.1", "s");
     Nodes n = {add_new_node_for_on_off(r), add_new_node_for_on_off(r), add_new_node_for_on_off(r)};
-    for (int i : {0, 1})  // two requests of Identifier 2, and a node without a packet
-        (n[i]->self->request = static_cast<AUTH_HDR *>(mtr_calloc(1, sizeof(AUTH_HDR))))->id = 2;
+    for (int i : {0, 1}) {  // two requests of Identifier 2, and a node without a packet
+        n[i]->self->request = static_cast<AUTH_HDR *>(mtr_calloc(1, sizeof(AUTH_HDR)));
+        n[i]->self->request->id = 2;
+    }
     insert_node_to_queue(n[0], QUEUE_TYPE_REQUEST);
     insert_node_to_queue(n[1], QUEUE_TYPE_REQUEST);  // equal deadline: behind, no entry
     testenv::now = t - 10;                           // a clock stepped back
