@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """The daemon frame seen from outside: start-up, options, console, control channel, dump."""
-import socket, struct
+import socket
+import struct
 
 import harness
 from harness import CONTROL_SOCK, EV_DEBUG_OFF, EV_DEBUG_ON, EV_INIT, EV_REMOVE, Meterd, event, ev_init
