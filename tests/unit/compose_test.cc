@@ -26,7 +26,12 @@ Types types(AUTH_HDR *p)
     return t;
 }
 // The first integer or address of that type, all ones when absent.
-uint32_t number(AUTH_HDR *p, unsigned short type, uint32_t v = ~0u) { return radius_msg_get_attr_int32(p, type, &v), v; }
+uint32_t number(AUTH_HDR *p, unsigned short type)
+{
+    uint32_t v = ~0u;
+    radius_msg_get_attr_int32(p, type, &v);
+    return v;
+}
 // "-" reads as all ones too, as inet_addr gives for what is no address.
 uint32_t ip(const char *text) { return ntohl(inet_addr(text)); }
 
@@ -57,7 +62,8 @@ protected:
 
 TEST_F(ComposeTest, AttributesOfEachPacket)
 {
-    struct accounting_node *on = add_new_node_for_on_off(profile), *n = session(), *u = session("aa:bb:cc:dd:ee:99", "");
+    struct accounting_node *on = add_new_node_for_on_off(profile);
+    struct accounting_node *n = session(), *u = session("aa:bb:cc:dd:ee:99", "");
     AUTH_HDR *p = compose(on, ACCOUNTING_ON);  // NAS-IP-Address 127.0.0.1 for want of an address or identifier
     EXPECT_EQ(std::vector<uint8_t>(p->data, p->data + ntohs(p->length) - 20),
               (std::vector<uint8_t>{0x28, 6, 0, 0, 0, 7, 0x2D, 6, 0, 0, 0, 1, 4, 6, 0x7F, 0, 0, 1,
@@ -76,21 +82,28 @@ TEST_F(ComposeTest, AttributesOfEachPacket)
     // is, or looked up anew and written back (0.0.0.0 after a failed look-up);
     // Acct-Input/Output-Octets (~0u: none). n's logout cause is set first;
     // u's User-Name is empty, and goes out all the same.
-    for (auto [node, status, cause, seq, framed, in, out] :
-         std::initializer_list<std::tuple<accounting_node *, int, int, Types, const char *, uint32_t, uint32_t>>{
-             {n, ACCOUNTING_START, 0, {1, 8, 44, 40, 45, 4, 5, 61, 31, 30, 26, 25, 46, 55}, "198.51.100.4", ~0u, ~0u},
-             {n, ACCOUNTING_STOP, 4, {1, 8, 44, 40, 45, 4, 5, 61, 31, 30, 26, 25, 49, 46, 42, 43, 55}, "198.51.100.4", 5, 7},
-             {n, ACCOUNTING_INTERIM, 0, {1, 8, 44, 40, 45, 4, 5, 61, 31, 30, 26, 25, 46, 42, 43, 55}, "192.0.2.7", 100, 200},
-             {u, ACCOUNTING_START, 0, {1, 44, 40, 45, 32, 5, 61, 31, 30, 46, 55}, "-", ~0u, ~0u},
+    using Row = std::tuple<accounting_node *, int, int, Types, const char *, uint32_t, uint32_t>;
+    const uint32_t none = ~0u;
+    for (auto [node, status, cause, seq, framed, in, out] : std::initializer_list<Row>{
+             {n, ACCOUNTING_START, 0, {1, 8, 44, 40, 45, 4, 5, 61, 31, 30, 26, 25, 46, 55},
+              "198.51.100.4", none, none},
+             {n, ACCOUNTING_STOP, 4, {1, 8, 44, 40, 45, 4, 5, 61, 31, 30, 26, 25, 49, 46, 42, 43, 55},
+              "198.51.100.4", 5, 7},
+             {n, ACCOUNTING_INTERIM, 0, {1, 8, 44, 40, 45, 4, 5, 61, 31, 30, 26, 25, 46, 42, 43, 55},
+              "192.0.2.7", 100, 200},
+             {u, ACCOUNTING_START, 0, {1, 44, 40, 45, 32, 5, 61, 31, 30, 46, 55}, "-", none, none},
              {u, ACCOUNTING_INTERIM, 0, {1, 44, 40, 45, 32, 5, 61, 31, 30, 46, 42, 43, 55}, "-", 0, 0},
              {u, ACCOUNTING_STOP, 0, {1, 8, 44, 40, 45, 32, 5, 61, 31, 30, 46, 42, 43, 55}, "0.0.0.0", 0, 0},
-             {on, ACCOUNTING_OFF, 0, {40, 45, 4, 5, 61, 49}, "-", ~0u, ~0u}}) {
+             {on, ACCOUNTING_OFF, 0, {40, 45, 4, 5, 61, 49}, "-", none, none}}) {
         n->self->user->uam_logout_cause = cause;
         p = compose(node, status);
         EXPECT_EQ(types(p), seq) << node << ' ' << status;
-        const uint32_t session = node == on ? ~0u : 30u, stamp = node == on ? ~0u : uint32_t(testenv::now);
-        EXPECT_EQ(std::vector<uint32_t>({number(p, 8), number(p, 42), number(p, 43), number(p, 46), number(p, 55)}),
-                  std::vector<uint32_t>({ip(framed), in, out, session, stamp})) << node << ' ' << status;
+        const uint32_t session = node == on ? none : 30u;
+        const uint32_t stamp = node == on ? none : uint32_t(testenv::now);
+        EXPECT_EQ(std::vector<uint32_t>({number(p, 8), number(p, 42), number(p, 43), number(p, 46),
+                                         number(p, 55)}),
+                  std::vector<uint32_t>({ip(framed), in, out, session, stamp}))
+            << node << ' ' << status;
         AUTH_HDR resigned = *p;
         get_accounting_vector(&resigned, node == u ? "backup" : "primary");
         EXPECT_EQ(memcmp(resigned.vector, p->vector, 16), 0) << node << ' ' << status;

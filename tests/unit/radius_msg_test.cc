@@ -59,22 +59,27 @@ TEST(RadiusMsg, AuthenticatorKnownAnswers)
 {
     // Signing over an earlier signature (failover re-signs in place) gives
     // what signing the fresh packet gives.
-    for (auto [head, secret, vector] : std::initializer_list<std::tuple<const char *, const char *, const char *>>{
+    using Signed = std::tuple<const char *, const char *, const char *>;
+    for (auto [head, secret, vector] : std::initializer_list<Signed>{
              {"04070014", "s3cret", "3e670430ae9bf2afc0700129e45c03c8"},
              {"04070014", "", "80445c974812701237815e78402b648e"},
-             {"0407001f00000000000000000000000000000000" "0105626f62280600000001", "xy", "8adbd6961c2c2d13b2f26c9265f9d6bf"}})
+             {"0407001f00000000000000000000000000000000" "0105626f62280600000001", "xy",
+              "8adbd6961c2c2d13b2f26c9265f9d6bf"}})
         for (const char *first : {"", "a-much-longer-first-secret", "s"}) {
             Bytes p = packet(head);
             get_accounting_vector(hdr(p), first);
             get_accounting_vector(hdr(p), secret);
-            EXPECT_EQ(Bytes(p.begin() + 4, p.begin() + 20), packet(vector, 16)) << secret << " over " << first;
+            EXPECT_EQ(Bytes(p.begin() + 4, p.begin() + 20), packet(vector, 16))
+                << secret << " over " << first;
         }
 
     Bytes request = packet("04070014000102030405060708090a0b0c0d0e0f");
-    for (auto [secret, response, result] : std::initializer_list<std::tuple<const char *, const char *, int>>{
+    // The last claims 1025 bytes: beyond the receive buffer.
+    using Answer = std::tuple<const char *, const char *, int>;
+    for (auto [secret, response, result] : std::initializer_list<Answer>{
              {"testing123", "0507001a47696e529dd544bc007e8cda9f37b3f4" "12066f6b6179", 0},
              {"testing124", "0507001a47696e529dd544bc007e8cda9f37b3f4" "12066f6b6179", -1},
-             {"testing123", "0507040147696e529dd544bc007e8cda9f37b3f4" "12066f6b6179", -1}}) {  // 1025 bytes: beyond the buffer
+             {"testing123", "0507040147696e529dd544bc007e8cda9f37b3f4" "12066f6b6179", -1}}) {
         Bytes p = packet(response, RADIUS_RECV_LEN);
         EXPECT_EQ(verify_packet(secret, hdr(p), hdr(request)), result) << secret << ' ' << response;
     }

@@ -149,7 +149,8 @@ TEST_F(Delivery, MixedIntervalsOnTheSharedInterimQueue)
 
 TEST_F(Delivery, FourToThePrimaryThenFourToTheBackup)
 {
-    struct accounting_radius *r = make_profile("wlan-1-1", "192.0.2.1", "primary-secret", "192.0.2.2", "backup-secret");
+    struct accounting_radius *r =
+        make_profile("wlan-1-1", "192.0.2.1", "primary-secret", "192.0.2.2", "backup-secret");
     first_transmission(add_new_node_for_on_off(r), ACCOUNTING_ON);
     // Retransmissions three passes apart; given up at 69 s, the last entry being the end.
     EXPECT_EQ(run_passes(), (std::vector<time_t>{0, 9, 18, 27, 36, 45, 54, 63, 69}));
@@ -175,11 +176,14 @@ TEST_F(Delivery, RemovedProfileIsReleasedByItsLastOnOffNode)
     first_transmission(add_new_node_for_on_off(r), ACCOUNTING_OFF);
     remove_radius(r);
     EXPECT_EQ(run_passes(), (std::vector<time_t>{6}));
-    first_transmission(add_new_node_for_on_off(r = make_profile("wlan-1-1", "192.0.2.1", "s")), ACCOUNTING_ON);
+    r = make_profile("wlan-1-1", "192.0.2.1", "s");
+    first_transmission(add_new_node_for_on_off(r), ACCOUNTING_ON);
     first_transmission(add_new_node_for_on_off(r), ACCOUNTING_OFF);
     remove_radius(r);
-    // Another profile's node, failing over to its backup, outlives the release on the same queues.
-    first_transmission(add_new_node_for_on_off(make_profile("wlan-1-2", "192.0.2.9", "s", "192.0.2.10", "s")), ACCOUNTING_ON);
+    // Another profile's node, failing over to its backup, outlives the release
+    // on the same queues.
+    struct accounting_radius *other = make_profile("wlan-1-2", "192.0.2.9", "s", "192.0.2.10", "s");
+    first_transmission(add_new_node_for_on_off(other), ACCOUNTING_ON);
     run_passes(36);
     EXPECT_EQ(list_length(fq) + list_length(rq), 1u);
 }

@@ -16,7 +16,6 @@
 namespace testenv {
 time_t now = 1000000;
 std::vector<SentDatagram> sent;
-int send_fails = 0;
 }  // namespace testenv
 
 namespace {
@@ -30,8 +29,6 @@ std::string console_text;
 
 ssize_t capture_send(int, const void *buf, size_t len, const struct sockaddr_in *to)
 {
-    if (testenv::send_fails)
-        return -1;
     SentDatagram d;
     d.bytes.assign(static_cast<const uint8_t *>(buf), static_cast<const uint8_t *>(buf) + len);
     d.to = *to;
@@ -39,12 +36,19 @@ ssize_t capture_send(int, const void *buf, size_t len, const struct sockaddr_in 
     return static_cast<ssize_t>(len);
 }
 
-void free_queue(struct list_head *head)
+// Frees a queue's nodes, noting the removed profiles that lived on only
+// through them.
+void free_queue(struct list_head *head, std::vector<struct accounting_radius *> &removed)
 {
     struct list_head *p = head->next;
     while (p != head) {
         struct list_head *next = p->next;
-        free_accounting_node(reinterpret_cast<struct accounting_node *>(p));
+        auto *node = reinterpret_cast<struct accounting_node *>(p);
+        struct accounting_radius *r = node->self->acct_radius;
+        bool off_list = r && !r->total_radius_server.next;
+        if (off_list && std::find(removed.begin(), removed.end(), r) == removed.end())
+            removed.push_back(r);
+        free_accounting_node(node);
         p = next;
     }
 }
@@ -68,33 +72,15 @@ size_t list_length(const struct list_head *head)
     return n;
 }
 
-namespace {
-// Removed profiles live on only through their queued on/off nodes.
-void collect_removed(struct list_head *queue, std::vector<struct accounting_radius *> &out)
-{
-    for (struct list_head *p = queue->next; p != queue; p = p->next) {
-        struct accounting_radius *r = reinterpret_cast<struct accounting_node *>(p)->self->acct_radius;
-        if (r && r->total_radius_server.next == nullptr &&
-            std::find(out.begin(), out.end(), r) == out.end())
-            out.push_back(r);
-    }
-}
-}  // namespace
-
 void reset_database()
 {
     mtr_alloc_fail_at(0);
     std::vector<struct accounting_radius *> removed;
-    collect_removed(&request_queue_header, removed);
-    collect_removed(&fail_queue_header, removed);
-    for (struct list_head *p = total_interim_queue_header.next; p != &total_interim_queue_header;
-         p = p->next)
-        collect_removed(&reinterpret_cast<struct interim_queue *>(p)->interim_queue_header, removed);
-    free_queue(&request_queue_header);
-    free_queue(&fail_queue_header);
+    free_queue(&request_queue_header, removed);
+    free_queue(&fail_queue_header, removed);
     while (!list_empty(&total_interim_queue_header)) {
         auto *q = reinterpret_cast<struct interim_queue *>(total_interim_queue_header.next);
-        free_queue(&q->interim_queue_header);
+        free_queue(&q->interim_queue_header, removed);
         list_del(&q->total_interim_queue);
         mtr_free(q);
     }
@@ -110,23 +96,12 @@ void reset_database()
         list_del(&e->register_event);
         mtr_free(e);
     }
-    for (auto &b : mac_hash_table) {
-        if (!b.head.next)
-            continue;
-        while (!list_empty(&b.head)) {
-            auto *u = list_entry(b.head.next, struct user_entry, user_list);
-            list_del(&u->user_list);
-            mtr_free(u);
-        }
-    }
 }
 
 void DbTest::SetUp()
 {
-    reset_database();
     testenv::now = 1000000;
     testenv::sent.clear();
-    testenv::send_fails = 0;
     mtr_set_clock(fake_clock);
     radius_sendto = capture_send;
     char tmpl[] = "/tmp/meterd-console-XXXXXX";

@@ -22,7 +22,6 @@ struct SentDatagram {
 namespace testenv {
 extern time_t now;                      // what mtr_time() returns
 extern std::vector<SentDatagram> sent;  // every datagram "sent"
-extern int send_fails;                  // when set, the send seam fails
 }  // namespace testenv
 
 class DbTest : public ::testing::Test {
