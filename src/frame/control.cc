@@ -35,64 +35,6 @@ ssize_t domain_socket_recvfrom(int sockfd, void *msg, size_t msglen, struct sock
 
 namespace {
 
-void debug_off(accounting_event_t *)
-{
-    debug = 0;
-}
-
-void debug_on(accounting_event_t *)
-{
-    debug = 1;
-    TRACE("debug level: %d\n", debug);
-}
-
-void debug_dump(accounting_event_t *)
-{
-    debug_print_db_info();
-}
-
-void event_remove(accounting_event_t *ev)
-{
-    accounting_event_remove(&ev->u.remove_profile);
-}
-
-void event_ac_ip_change(accounting_event_t *ev)
-{
-    accounting_event_ac_ip_change(&ev->u.ip_change_event);
-}
-
-void event_init(accounting_event_t *ev)
-{
-    accounting_event_init(&ev->u.radius_profile);
-}
-
-void event_exit(accounting_event_t *)
-{
-    ovat_exit_remove_radius_all();
-}
-
-void event_secret_change(accounting_event_t *ev)
-{
-    accounting_event_shared_secret_change(&ev->u.ip_change_event);
-}
-
-struct ovat_arm {
-    int64_t event_id;
-    void (*run)(accounting_event_t *ev);
-};
-
-// The whole 64-bit number is compared: an upper byte set matches nothing.
-const ovat_arm ovat_arms[] = {
-    {ACCOUNTING_EVENT_REMOVE, event_remove},
-    {ACCOUNTING_EVENT_AC_IP_CHANGE, event_ac_ip_change},
-    {ACCOUNTING_EVENT_INIT, event_init},
-    {ACCOUNTING_EVENT_EXIT, event_exit},
-    {ACCOUNTING_EVENT_AC_SHARED_SECRET_KEY_CHANGE, event_secret_change},
-    {ACCOUNTING_EVENT_DEBUG_OFF, debug_off},
-    {ACCOUNTING_EVENT_DEBUG_ON, debug_on},
-    {ACCOUNTING_EVENT_DEBUG_DUMP, debug_dump},
-};
-
 void dump_line(FILE *fp, bool to_console, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 
 void dump_line(FILE *fp, bool to_console, const char *fmt, ...)
@@ -128,11 +70,35 @@ void ovat_event_input(accounting_event_t *rec, const void *data, size_t len)
     memcpy(rec, data, len < sizeof *rec ? len : sizeof *rec);
     TRACE("receive ovat event. %lld\n", static_cast<long long>(rec->event_id));
     pthread_mutex_lock(&mutex);
-    for (const ovat_arm &arm : ovat_arms) {
-        if (arm.event_id == rec->event_id) {
-            arm.run(rec);
-            break;
-        }
+    // The whole 64-bit number is compared: an upper byte set matches nothing.
+    switch (rec->event_id) {
+    case ACCOUNTING_EVENT_REMOVE:
+        accounting_event_remove(&rec->u.remove_profile);
+        break;
+    case ACCOUNTING_EVENT_AC_IP_CHANGE:
+        accounting_event_ac_ip_change(&rec->u.ip_change_event);
+        break;
+    case ACCOUNTING_EVENT_INIT:
+        accounting_event_init(&rec->u.radius_profile);
+        break;
+    case ACCOUNTING_EVENT_EXIT:
+        ovat_exit_remove_radius_all();
+        break;
+    case ACCOUNTING_EVENT_AC_SHARED_SECRET_KEY_CHANGE:
+        accounting_event_shared_secret_change(&rec->u.ip_change_event);
+        break;
+    case ACCOUNTING_EVENT_DEBUG_OFF:
+        debug = 0;
+        break;
+    case ACCOUNTING_EVENT_DEBUG_ON:
+        debug = 1;
+        TRACE("debug level: %d\n", debug);
+        break;
+    case ACCOUNTING_EVENT_DEBUG_DUMP:
+        debug_print_db_info();
+        break;
+    default:
+        break;
     }
     pthread_mutex_unlock(&mutex);
 }

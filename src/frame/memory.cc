@@ -6,11 +6,9 @@
 namespace {
 // Atomics: allocations happen on every thread, though always under the lock.
 std::atomic<unsigned long> fail_countdown{0};
-std::atomic<unsigned long> alloc_count{0};
 
 bool injected_failure()
 {
-    alloc_count.fetch_add(1, std::memory_order_relaxed);
     unsigned long n = fail_countdown.load(std::memory_order_relaxed);
     if (n == 0)
         return false;
@@ -41,9 +39,4 @@ void mtr_free(void *ptr)
 void mtr_alloc_fail_at(unsigned long nth)
 {
     fail_countdown.store(nth, std::memory_order_relaxed);
-}
-
-unsigned long mtr_alloc_count(void)
-{
-    return alloc_count.load(std::memory_order_relaxed);
 }

@@ -14,7 +14,5 @@ void mtr_free(void *ptr);
 // Test hook: the nth allocation from now fails (1 = the next one); 0 turns
 // injection off. Every later allocation succeeds again.
 void mtr_alloc_fail_at(unsigned long nth);
-// Number of allocations made since start (for tests that walk every path).
-unsigned long mtr_alloc_count(void);
 
 #endif

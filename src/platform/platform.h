@@ -37,7 +37,5 @@ void parser_close(parser_module *module);
 
 // Netlink protocol of the wireless driver on this backend.
 extern const int meterd_netlink_protocol;
-// Name of the backend, for the start-up banner of tests and tools.
-extern const char meterd_platform_name[];
 
 #endif

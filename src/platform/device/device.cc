@@ -4,4 +4,3 @@
 
 // The wireless driver's own netlink protocol, NETLINK_SARNET.
 const int meterd_netlink_protocol = 18;
-const char meterd_platform_name[] = "device";

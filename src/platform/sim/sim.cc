@@ -16,7 +16,6 @@
 std::string sim_root = SIM_DEFAULT_ROOT;
 
 const int meterd_netlink_protocol = NETLINK_USERSOCK;
-const char meterd_platform_name[] = "sim";
 
 namespace {
 
