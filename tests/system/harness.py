@@ -17,7 +17,9 @@ BUILD_DIR = os.path.abspath(os.environ.get('METERD_BUILD_DIR', os.path.join(
     os.path.dirname(os.path.abspath(__file__)), '..', '..', 'build')))
 FAKETIME_LIB = '/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1'
 CONTROL_SOCK, PID_FILE, DUMP_FILE = '/tmp/accounting.sock', '/var/run/meterd.pid', '/tmp/meterd_db'
-WORK = '/tmp/harness'  # our own scratch space, inside the per-test tmpfs
+STDERR_FILE = '/tmp/meterd.stderr'
+# Taken before the first tmpfs can hide the build folder (see _tmpfs); kept for the whole run.
+BUILD_FD = os.open(BUILD_DIR, os.O_PATH)
 
 EV_REMOVE, EV_AC_IP_CHANGE, EV_INIT, EV_EXIT, EV_SECRET_CHANGE = 2, 3, 4, 5, 7
 EV_DEBUG_OFF, EV_DEBUG_ON, EV_DUMP = 100, 101, 102
@@ -48,46 +50,42 @@ def _poll(found, timeout, failure):
     return value
 
 
+def _spawn(owner, argv, log, ready, **popen):
+    """Starts argv as owner.proc, its stderr into the file `log`; waits for ready(), failing if it ends."""
+    # Set at once, so that owner.stop() finds it even if it never comes up.
+    with open(log, 'wb') as f:
+        owner.proc = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=f, **popen)
+    failure = lambda: '%s did not come up:\n%s' % (argv[0], read_file(log))
+    _poll(lambda: owner.proc.poll() is not None or ready(), 15, failure)
+    assert owner.proc.poll() is None, failure()
+
+
 def _tmpfs(path):
     """Mounts an empty tmpfs on path. A checkout below it (CI may clone into /tmp)
     would vanish with it, so the build folder is bound back in at its own path."""
-    build = _build_fd()
     _sh('mount', '-t', 'tmpfs', 'tmpfs', path)
     if (BUILD_DIR + '/').startswith(path.rstrip('/') + '/'):
         os.makedirs(BUILD_DIR)
         # Not canonicalized: the link must lead to the folder, not to its hidden path.
-        _sh('mount', '--no-canonicalize', '--bind', '/proc/%d/fd/%d' % (os.getpid(), build),
-            BUILD_DIR)
-
-
-@functools.cache
-def _build_fd():
-    # Taken before the first tmpfs hides the folder; kept for the whole run.
-    return os.open(BUILD_DIR, os.O_PATH)
-
-
-@functools.cache
-def console():
-    """Sets the namespace up (loopback up, /dev/console a FIFO) and returns the console reader."""
-    _tmpfs('/tmp')
-    _sh('ip', 'link', 'set', 'lo', 'up')
-    os.mkfifo('/tmp/.console')
-    _sh('mount', '--bind', '/tmp/.console', '/dev/console')
-    return Console()
+        _sh('mount', '--no-canonicalize', '--bind', '/proc/%d/fd/%d' % (os.getpid(), BUILD_FD), BUILD_DIR)
 
 
 def fresh_dirs():
     """Mounts empty /tmp and /var/run over whatever is there; returns the undo."""
     for path in ('/tmp', '/var/run'):
         _tmpfs(path)
-    os.makedirs(WORK)
     return lambda: [_sh('umount', '-l', path) for path in ('/var/run', '/tmp')]
 
 
 class Console:
-    # Opened read-write, so that a writer's open never blocks and we never see EOF.
+    """Sets the namespace up (loopback up, /dev/console a FIFO) and collects what the console shows."""
 
     def __init__(self):
+        _tmpfs('/tmp')
+        _sh('ip', 'link', 'set', 'lo', 'up')
+        os.mkfifo('/tmp/.console')
+        _sh('mount', '--bind', '/tmp/.console', '/dev/console')
+        # Opened read-write, so that a writer's open never blocks and we never see EOF.
         self.text, self._fd = '', os.open('/dev/console', os.O_RDWR)
         threading.Thread(target=self._run, daemon=True).start()
 
@@ -95,17 +93,13 @@ class Console:
         while True:
             self.text += os.read(self._fd, 65536).decode('latin-1')
 
-    def mark(self):
-        return len(self.text)
+    def wait_for(self, text, since=0, count=1):
+        """Waits for `count` times `text` in `self.text[since:]`; returns the end of the last."""
+        ends = lambda: [since + m.end() for m in re.finditer(re.escape(text), self.text[since:])][count - 1:]
+        return _poll(ends, 5, lambda: 'console lacks %r; got:\n%s' % (text, self.text[since:]))[0]
 
-    def since(self, mark):
-        return self.text[mark:]
 
-    def wait_for(self, text, since=0, timeout=5.0, count=1):
-        """Waits for `count` times `text` (or a regex) after `since`; returns the end of the last."""
-        rx = text if isinstance(text, re.Pattern) else re.compile(re.escape(text))
-        ends = lambda: [m.end() for m in rx.finditer(self.text, since)][count - 1:]
-        return _poll(ends, timeout, lambda: 'console lacks %r; got:\n%s' % (rx.pattern, self.since(since)))[0]
+console = functools.cache(Console)  # the namespace is set up once
 
 
 def event(event_id, *fields):
@@ -117,42 +111,25 @@ def event(event_id, *fields):
 def ev_init(interface, host, port, secret, backup_host='', backup_port=0, backup_secret=''):
     """A profile without NAS address or identifier and without interim updates."""
     return event(EV_INIT, struct.pack('<64s64si64si65s65s', interface.encode(), host.encode(), port,
-                                      backup_host.encode(), backup_port, secret.encode(), backup_secret.encode()))
-
-
-def queued(dump, interface=None):
-    """The (user, report time, interface) of every node in a dump, or only of `interface`."""
-    nodes = re.findall(r'^username: (.*?), report_time: (\d+), interface:(.*) $', dump, re.M)
-    return [n for n in nodes if interface in (None, n[2])]
+                                      backup_host.encode(), backup_port, secret.encode(),
+                                      backup_secret.encode()))
 
 
 class Meterd:
     """One daemon process, optionally on a clock `speed` times faster."""
 
-    def __init__(self, args=(), speed=None, mode='1'):
+    def __init__(self, args=(), speed=None):
         self.args, self.speed, self.proc = list(args), speed, None
-        os.makedirs('/tmp/devsim', exist_ok=True)
-        if os.path.exists('/tmp/devsim/hybridmode'):
-            os.unlink('/tmp/devsim/hybridmode')
-        if mode is not None:  # else the simulated device falls back to its default
-            with open('/tmp/devsim/hybridmode', 'w') as f:
-                f.write(mode)
 
     def start(self):
         env = dict(os.environ, PATH=BUILD_DIR + os.pathsep + os.environ.get('PATH', ''),
                    ASAN_OPTIONS='detect_leaks=0:verify_asan_link_order=0', UBSAN_OPTIONS='print_stacktrace=1')
         if self.speed:
             env.update(LD_PRELOAD=FAKETIME_LIB, FAKETIME='+0 x%g' % self.speed, FAKETIME_DONT_RESET='1')
-        self.stderr_path = os.path.join(WORK, 'meterd.stderr')
-        with open(self.stderr_path, 'wb') as err:
-            self.proc = subprocess.Popen([os.path.join(BUILD_DIR, 'meterd')] + self.args,
-                                         stdout=subprocess.DEVNULL, stderr=err, env=env)
-        _poll(lambda: self.proc.poll() is not None or os.path.exists(PID_FILE) and self._control_bound(),
-              10, lambda: 'meterd did not come up:\n' + self.stderr())
-        assert self.proc.poll() is None, 'meterd exited:\n' + self.stderr()
+        _spawn(self, [os.path.join(BUILD_DIR, 'meterd')] + self.args, STDERR_FILE,
+               lambda: os.path.exists(PID_FILE) and self._control_bound(), env=env)
         if self.speed:
             assert FAKETIME_LIB in read_file('/proc/%d/maps' % self.proc.pid), 'libfaketime was not preloaded'
-        return self
 
     @staticmethod
     def _control_bound():
@@ -161,11 +138,8 @@ class Meterd:
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
             return s.connect_ex(CONTROL_SOCK) == 0
 
-    def sleep(self, faked_seconds):
-        time.sleep(faked_seconds / (self.speed or 1))
-
     def stderr(self):
-        return read_file(self.stderr_path)
+        return read_file(STDERR_FILE)
 
     def send(self, data):
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
@@ -196,13 +170,7 @@ class Meterd:
             'sanitizer report from meterd:\n' + err[-6000:]
 
 
-def request_authentic(raw, secret):
-    """True if an Accounting-Request carries the Request Authenticator of `secret`."""
-    from pyrad import dictionary, packet
-    return packet.AcctPacket(dict=dictionary.Dictionary(), secret=secret.encode(), packet=raw).VerifyAcctRequest()
-
-
-class Peer:
+class Peer(threading.Thread):
     # A RADIUS accounting server whose every answer the test decides: `plan` holds one
     # action per datagram received, `default` applies after it: the Code of an answer
     # without attributes, 'drop', 'wrong' (an Accounting-Response signed with a wrong
@@ -210,17 +178,14 @@ class Peer:
     # copy has come). `received` holds (monotonic time, datagram) pairs.
 
     def __init__(self, secret, ip='127.0.0.1', port=0, plan=(), default=5):
+        super().__init__(daemon=True)
         self.secret, self.plan, self.default, self.received = secret, list(plan), default, []
         self.held = None
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.sock.bind((ip, port))
         self.ip, self.port = self.sock.getsockname()
 
-    def start(self):
-        threading.Thread(target=self._run, daemon=True).start()
-        return self
-
-    def _run(self):
+    def run(self):
         while True:
             try:
                 data, source = self.sock.recvfrom(4096)
@@ -239,9 +204,15 @@ class Peer:
                     self.sock.sendto(head + hashlib.md5(head + data[4:20] + secret.encode()).digest(), source)
 
     def wait(self, n, timeout=5.0):
+        """Waits for `n` datagrams; returns all, each checked (by pyrad) to be signed with our secret."""
+        from pyrad import dictionary, packet
         _poll(lambda: len(self.received) >= n, timeout,
               lambda: 'peer on port %d got %d datagrams, wanted %d' % (self.port, len(self.received), n))
-        return [d for _, d in self.received]
+        data = [d for _, d in self.received]
+        for d in data:
+            request = packet.AcctPacket(dict=dictionary.Dictionary(), secret=self.secret.encode(), packet=d)
+            assert request.VerifyAcctRequest(), 'not signed with %r: %s' % (self.secret, d.hex())
+        return data
 
     def stop(self):
         self.sock.close()
@@ -273,34 +244,27 @@ class FreeRadius:
     """FreeRADIUS on 127.0.0.1:1813: one client, every request accepted into a detail file."""
 
     def __init__(self, secret):
-        self.secret, self.dir, self.proc = secret, os.path.join(WORK, 'freeradius'), None
+        self.secret, self.dir = secret, '/tmp/freeradius'
+        self.log_path = self.dir + '/log'
 
     def start(self):
         os.makedirs(self.dir, exist_ok=True)
         with open(os.path.join(self.dir, 'radiusd.conf'), 'w') as f:
             f.write(_RADIUSD_CONF.format(dir=self.dir, secret=self.secret))
-        self.log_path = os.path.join(self.dir, 'stdout.log')
-        with open(self.log_path, 'wb') as log:
-            self.proc = subprocess.Popen(['freeradius', '-f', '-d', self.dir, '-n', 'radiusd', '-l', 'stdout'],
-                                         stdout=log, stderr=subprocess.STDOUT)
-        failure = lambda: 'FreeRADIUS did not start:\n' + read_file(self.log_path)
-        _poll(lambda: self.proc.poll() is not None or 'Ready to process' in read_file(self.log_path), 15, failure)
-        assert self.proc.poll() is None, failure()
-        return self
+        _spawn(self, ['freeradius', '-f', '-d', self.dir, '-l', '/dev/stderr'], self.log_path,
+               lambda: 'Ready to process' in read_file(self.log_path))
 
-    def stop(self):
-        if self.proc is not None:
-            self.proc.terminate()
-            self.proc.wait(10)
-            self.proc = None
+    def stop(self):  # also once more after a test stopped it: terminate() skips a reaped process
+        self.proc.terminate()
+        self.proc.wait(10)
 
     def wait_records(self, n):
         """Waits for `n` detail records; returns all as {attribute: value} without Timestamp."""
         def records():
-            blocks = [b.split('\n\t')[1:] for b in read_file(self.dir + '/detail').strip().split('\n\n') if b]
-            recs = [dict(l.replace('"', '').split(' = ', 1) for l in b if 'Timestamp' not in l) for b in blocks]
+            blocks = read_file(self.dir + '/detail').split('\n\n')[:-1]  # the last one may be unfinished
+            recs = [dict(re.findall(r'^\t(?!Timestamp)(\S+) = "?(.*?)"?$', b, re.M)) for b in blocks]
             return len(recs) >= n and recs
-        return _poll(records, 10, lambda: 'FreeRADIUS logged under %d records:\n%s' % (n, read_file(self.log_path)))
+        return _poll(records, 10, lambda: 'fewer than %d records; log:\n%s' % (n, read_file(self.log_path)))
 
 
 class SystemTest(unittest.TestCase):
@@ -309,12 +273,13 @@ class SystemTest(unittest.TestCase):
     def setUp(self):
         self.console = console()
         self.addCleanup(fresh_dirs())
-        self.mark = self.console.mark()
+        self.mark = len(self.console.text)
 
     def start(self, thing):
-        """Starts a Meterd, Peer or FreeRadius and stops it after the test."""
+        """Starts a Meterd, Peer or FreeRadius, to be stopped after the test; returns it."""
         self.addCleanup(thing.stop)
-        return thing.start()
+        thing.start()
+        return thing
 
     def wait_console(self, text, count=1):
         return self.console.wait_for(text, self.mark, count=count)
@@ -330,6 +295,4 @@ def enter_namespace():
 
 def main():
     enter_namespace()
-    if not os.path.exists(os.path.join(BUILD_DIR, 'meterd')):
-        sys.exit('no meterd in %s (set METERD_BUILD_DIR)' % BUILD_DIR)
     unittest.main(verbosity=2)

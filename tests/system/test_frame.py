@@ -1,5 +1,6 @@
 #!/usr/bin/python3
 """The daemon frame seen from outside: start-up, options, console, control channel, dump."""
+import pathlib
 import socket
 import struct
 
@@ -17,53 +18,44 @@ class Frame(harness.SystemTest):
         # stale one of ours; an unknown option is passed over.
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as stale:
             stale.bind(CONTROL_SOCK)
-        for mode in ('1', '0', '7', 'garbage', None, '5'):
-            daemon, mark = self.start(Meterd(['-x'], mode=mode)), self.console.mark()
-            got = harness.read_file(harness.PID_FILE), str(daemon.proc.pid), daemon.dump(), daemon.stderr()
-            daemon.stop()
-            pid_file, pid, text, err = got
+        pathlib.Path('/tmp/devsim').mkdir()
+        for mode in (None, '1', '0', '7', 'garbage', '5'):  # None: the simulated device has no mode file
+            if mode:
+                pathlib.Path('/tmp/devsim/hybridmode').write_text(mode)
+            daemon, mark = self.start(Meterd(['-x'])), len(self.console.text)
             with self.subTest(mode=mode):
-                self.assertEqual(pid_file, pid)
+                self.assertEqual(harness.read_file(harness.PID_FILE), str(daemon.proc.pid))
                 # Only cloud mode lists portal profiles, and only in the file.
-                self.assertRegex(text, '^' + EMPTY_DUMP + (r'\nradius: \n' if mode == '5' else '') + '$')
-                self.assertEqual(self.console.since(mark), text.replace('\nradius: \n', ''))
-                self.assertNotIn('debugging', err)
+                dump = daemon.dump()
+                self.assertRegex(dump, '^' + EMPTY_DUMP + (r'\nradius: \n' if mode == '5' else '') + '$')
+                self.assertEqual(self.console.text[mark:], dump.replace('\nradius: \n', ''))
+                self.assertNotIn('debugging', daemon.stderr())
+            daemon.stop()
 
     def test_control_channel(self):
         peer = self.start(harness.Peer(SECRET))
         daemon = self.start(Meterd(['-d', '-d']))
         profile = lambda interface: ev_init(interface, '127.0.0.1', peer.port, SECRET)
         self.assertEqual(daemon.stderr().count('meterd enters debugging mode...\n'), 1)
-        daemon.send(event(999))
-        self.wait_console('receive ovat event. 999\n')
         daemon.send(event(EV_DEBUG_OFF))
         self.wait_console('receive ovat event. 100\n')
         # Without debugging, numbers outside the table (or with an upper byte
         # set) show nothing and change nothing: the console shows the dump alone.
         empty, upper = daemon.dump(), lambda n: struct.pack('<q', (1 << 40) | n)
+        mark = len(self.console.text)
         for data in (event(0), event(1), event(6), event(999),
                      upper(EV_DEBUG_ON) + bytes(408), upper(EV_INIT) + profile('wlan-1-1')[8:]):
-            with self.subTest(event_id=struct.unpack('<q', data[:8])[0]):
-                mark = self.console.mark()
-                daemon.send(data)
-                self.assertEqual(daemon.dump(), empty)
-                self.assertEqual(self.console.since(mark), empty)
+            daemon.send(data)
+        self.assertEqual(daemon.dump(), empty)
+        self.assertEqual(self.console.text[mark:], empty)
         self.assertEqual(peer.received, [])
         # An arm reads only its own bytes; anything past 416 is cut off.
         daemon.send(event(EV_DEBUG_ON)[:8])
         self.wait_console('debug level: 1\n')
-        daemon.send(event(EV_DEBUG_ON) + b'\x01' * 100)
-        self.wait_console('receive ovat event. 101\ndebug level: 1\n')
         daemon.send(profile('wlan-1-1')[:338])
-        self.assertEqual(peer.wait(1)[0][20:], harness.ON_TAIL)
-        self.wait_console('Accounting on. Server IP:127.0.0.1\n')
         daemon.send(event(EV_REMOVE, 'wlan-1-1')[:72])
-        self.assertEqual(peer.wait(2)[1][20:], harness.OFF_TAIL)
-        self.wait_console('free RADIUS profile \n')
         daemon.send(profile('wlan-1-2') + b'\xff' * 200)
-        self.assertEqual(peer.wait(3)[2][20:], harness.ON_TAIL)
-        self.wait_console('Accounting on. Server IP:127.0.0.1\n', count=2)
-        self.assertEqual(harness.queued(daemon.dump()), [])
+        self.assertEqual([d[20:] for d in peer.wait(3)], [harness.ON_TAIL, harness.OFF_TAIL, harness.ON_TAIL])
 
 
 if __name__ == '__main__':
