@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Installs what building and testing meterd need on Debian 12 (run as root).
-# Idempotent: apt is only asked when something is missing.
+# Idempotent: apt is only asked when something is missing. Packages that others
+# only recommend (clang's sanitizer runtimes in libclang-rt-14-dev) are named here,
+# since apt installs without recommends.
 set -euo pipefail
 
 packages=(
-  build-essential binutils cmake g++ clang-14 clang libgtest-dev googletest
+  build-essential binutils cmake g++ clang-14 clang libclang-rt-14-dev libgtest-dev googletest
   freeradius freeradius-utils python3 python3-pyrad faketime iproute2 util-linux mount
 )
 
