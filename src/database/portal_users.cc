@@ -1,9 +1,11 @@
 // The portal user table: who is logged in at the portal, by MAC and SSID
 // profile, whether or not a session runs for them. Cloud mode only.
+#include <cstdio>
 #include <cstring>
 
 #include "database/accounting_db_api.h"
 #include "frame/console.h"
+#include "frame/memory.h"
 #include "frame/meterd.h"
 
 struct hash_table mac_hash_table[MAC_HASH_SIZE];
@@ -41,4 +43,47 @@ int init_meterd_db(void)
         for (auto &bucket : mac_hash_table)
             INIT_LIST_HEAD(&bucket.head);
     return 0;
+}
+
+struct user_entry *portal_user_add(const char *sta_mac_text, const char *username,
+                                   const char *ssid_name, const char *ssid_profile_name)
+{
+    char sta_mac[18] = {0};
+    change_mac_format(sta_mac, sta_mac_text);
+    int index = hash_func(sta_mac);
+    auto *e = static_cast<struct user_entry *>(mtr_calloc(1, sizeof(struct user_entry)));
+    if (!e) {
+        fprintf(stderr, "insufficient memory\n");
+        return nullptr;
+    }
+    copy_text(e->sta_mac, sizeof e->sta_mac, sta_mac);
+    copy_text(e->username, sizeof e->username, username);
+    copy_text(e->ssid_name, sizeof e->ssid_name, ssid_name);
+    copy_text(e->ssid_profile_name, sizeof e->ssid_profile_name, ssid_profile_name);
+    // No search for an older entry: a repeated login is a second entry, and
+    // one logout takes both.
+    list_add_tail(&e->user_list, &mac_hash_table[index].head);
+    return e;
+}
+
+int portal_user_matches(const struct user_entry *e, const char *sta_mac,
+                        const char *ssid_profile_name)
+{
+    return strcmp(e->sta_mac, sta_mac) == 0 &&
+           strcmp(e->ssid_profile_name, ssid_profile_name) == 0;
+}
+
+void portal_user_remove(const char *sta_mac_text, const char *ssid_profile_name)
+{
+    char sta_mac[18] = {0};
+    change_mac_format(sta_mac, sta_mac_text);
+    struct list_head *head = &mac_hash_table[hash_func(sta_mac)].head;
+    for (struct list_head *pos = head->next, *next = pos->next; pos != head;
+         pos = next, next = pos->next) {
+        auto *e = list_entry(pos, struct user_entry, user_list);
+        if (portal_user_matches(e, sta_mac, ssid_profile_name)) {
+            list_del(&e->user_list);
+            mtr_free(e);
+        }
+    }
 }
