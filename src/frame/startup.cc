@@ -6,6 +6,9 @@
 
 #include "database/accounting_db_api.h"
 #include "delivery/scheduler.h"
+#include "events/portal_events.h"
+#include "events/station_events.h"
+#include "events/uam_events.h"
 #include "frame/control.h"
 #include "frame/meterd.h"
 #include "platform/platform.h"
@@ -18,12 +21,14 @@ struct thread_entry {
     bool cloud_only;
 };
 
-// Started in this order and joined in it. The station, UAM and portal
-// threads take their places here as their sources arrive.
+// Started in this order and joined in it; the last two only in cloud mode.
 const thread_entry thread_table[] = {
     {do_response_receive, false},
     {do_scheduler, false},
     {do_event_handler_ovat, false},
+    {do_event_handler_station_on_off, false},
+    {do_uam_event_handler, true},
+    {portal_event_handler_ovat, true},
 };
 
 }  // namespace
