@@ -17,6 +17,11 @@ void accounting_event_remove(const struct ovat_remove_event *ev)
         TRACE_AT(OVAT_MODULE, OVAT_FUNC, "search_radius fail.\n");
         return;
     }
+    profile_take_down(radius);
+}
+
+void profile_take_down(struct accounting_radius *radius)
+{
     // Without memory for the Accounting-Off the profile is still taken out
     // of service: the operator asked for it to go, and a profile left in
     // place would keep accounting its sessions.
@@ -48,13 +53,19 @@ void accounting_event_shared_secret_change(const struct ovat_ac_ip_change *ev)
 void accounting_event_init(const struct ovat_config_event *ev)
 {
     TRACE("accounting_event_init\n");
-    struct accounting_radius *radius = add_radius(ev->interface, PROFILE_TYPE_NORMAL);
+    profile_bring_up(ev->interface, ev, PROFILE_TYPE_NORMAL, OVAT_FUNC);
+}
+
+void profile_bring_up(const char *interface, const struct ovat_config_event *ev, int type,
+                      const char *func)
+{
+    struct accounting_radius *radius = add_radius(interface, type);
     if (!radius) {
-        TRACE_AT(OVAT_MODULE, OVAT_FUNC, "add_radius fail.\n");
+        TRACE_AT(OVAT_MODULE, func, "add_radius fail.\n");
         return;
     }
-    if (update_radius_profile(radius, ev, PROFILE_TYPE_NORMAL) == -1) {
-        TRACE_AT(OVAT_MODULE, OVAT_FUNC, "update_radius_profile fail\n");
+    if (update_radius_profile(radius, ev, type) == -1) {
+        TRACE_AT(OVAT_MODULE, func, "update_radius_profile fail\n");
         return;
     }
     struct accounting_node *node = add_new_node_for_on_off(radius);

@@ -139,25 +139,34 @@ int debug_print_db_info(void)
 
 void *do_event_handler_ovat(void *)
 {
+    accounting_event_t rec;
+    unsigned char buf[sizeof rec];
+    domain_socket_serve(ACCOUNTING_SOCK, &rec, buf, sizeof rec, __func__,
+                        [](void *r, const void *data, size_t len) {
+                            ovat_event_input(static_cast<accounting_event_t *>(r), data, len);
+                        });
+    return nullptr;
+}
+
+void domain_socket_serve(const char *path, void *rec, void *buf, size_t size, const char *thread,
+                         void (*input)(void *rec, const void *data, size_t len))
+{
     struct sockaddr_un addr;
-    int fd = domain_socket_create(ACCOUNTING_SOCK, &addr);
+    int fd = domain_socket_create(path, &addr);
     if (fd < 0)
-        return nullptr;
+        return;
     // Cleared once, so that a short first datagram reads zeros rather than
     // whatever the stack held; later datagrams keep the documented carry-over.
-    accounting_event_t rec;
-    memset(&rec, 0, sizeof rec);
-    unsigned char buf[sizeof(accounting_event_t)];
+    memset(rec, 0, size);
     for (;;) {
         struct sockaddr_un from;
-        socklen_t fromlen = sizeof from;
-        ssize_t n = recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<struct sockaddr *>(&from), &fromlen);
+        ssize_t n = domain_socket_recvfrom(fd, buf, size, &from);
         if (n == -1) {
-            fprintf(stderr, "%s-%s-%d: msgrcv fail!!\n", "accounting", __func__, __LINE__);
-            fprintf(stderr, "size: %zu\n", sizeof(accounting_event_t));
+            fprintf(stderr, "%s-%s-%d: msgrcv fail!!\n", "accounting", thread, __LINE__);
+            fprintf(stderr, "size: %zu\n", size);
             perror("msgrcv");
             continue;
         }
-        ovat_event_input(&rec, buf, static_cast<size_t>(n));
+        input(rec, buf, static_cast<size_t>(n));
     }
 }

@@ -20,6 +20,13 @@
 int domain_socket_create(const char *domain_sock_file, struct sockaddr_un *addr);
 // recvfrom without flags, the address length set afresh for each call.
 ssize_t domain_socket_recvfrom(int sockfd, void *msg, size_t msglen, struct sockaddr_un *src_addr);
+// A channel thread's life: binds path, clears the thread's record rec once,
+// then for ever receives each datagram of at most size bytes into buf and
+// hands it to input with rec and the received length. A failed receive is
+// reported on stderr under the name thread and passed over, without the
+// lock. Returns only when the socket cannot be set up.
+void domain_socket_serve(const char *path, void *rec, void *buf, size_t size, const char *thread,
+                         void (*input)(void *rec, const void *data, size_t len));
 
 // One control datagram of len bytes. rec is the thread's record: the bytes
 // are copied over its start, and the rest keeps what earlier datagrams left,
