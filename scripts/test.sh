@@ -15,7 +15,8 @@ cmake -S . -B build-device -DCMAKE_BUILD_TYPE=Release -DMETERD_PLATFORM=device \
   -DMETERD_DEVICE_LINK_CHECK=ON -DMETERD_TESTS=OFF
 cmake --build build-device -j2
 wanted=$(nm -u build-device/libmeterd_core.a)
-for sym in merra_wlan_get_hybridmode rrm_get_common_mac parser_open parser_close; do
+for sym in merra_wlan_get_hybridmode rrm_get_common_mac parser_open parser_close \
+    uam_create_handle uam_set_mode uam_read_event wpa3_get_owetm_info; do
   grep -qw "$sym" <<<"$wanted" || { echo "device build does not call $sym" >&2; exit 1; }
 done
 
