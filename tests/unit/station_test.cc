@@ -1,0 +1,167 @@
+// Station thread inputs as raw bytes: what the driver, the authenticator
+// and the HAL can send that the system tests cannot easily shape.
+#include <arpa/inet.h>
+
+#include <cstring>
+#include <vector>
+
+#include "database/accounting_db_api.h"
+#include "events/driver_events.h"
+#include "events/session_stop.h"
+#include "events/station_events.h"
+#include "frame/meterd.h"
+#include "radius/radius_send_recieve.h"
+#include "sim_env.h"
+#include "test_support.h"
+
+namespace {
+
+const uint8_t MAC[6] = {0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0x01};
+
+// One wireless event message: header, interface, one attribute.
+std::vector<uint8_t> nl_event(uint16_t cmd, const char *ifname, uint64_t tx = 0, uint64_t rx = 0)
+{
+    sarnet_event ev{};
+    ev.hdr.cmd = cmd;
+    memcpy(ev.data.u.sta.macaddr, MAC, 6);
+    ev.data.u.sta.tx_bytes = tx;
+    ev.data.u.sta.rx_bytes = rx;
+    std::vector<uint8_t> m(SARNET_ATTR_OFFSET + 4 + sizeof ev);
+    nlmsghdr h{static_cast<uint32_t>(m.size()), SARNETM_WIRELESS_EVENT, 0, 0, 0};
+    memcpy(m.data(), &h, sizeof h);
+    memcpy(m.data() + SARNET_IFINFO_OFFSET, ifname, strnlen(ifname, 16));
+    nlattr a{static_cast<uint16_t>(4 + sizeof ev), SARNET_ATTR_EVENT};
+    memcpy(m.data() + SARNET_ATTR_OFFSET, &a, sizeof a);
+    memcpy(m.data() + SARNET_ATTR_OFFSET + 4, &ev, sizeof ev);
+    return m;
+}
+
+void feed(const std::vector<uint8_t> &d) { netlink_input(d.data(), d.size()); }
+
+class Station : public DbTest {
+protected:
+    SimDevice dev;
+    struct accounting_radius *r = make_profile("wlan-1-1", "127.0.0.1", "k");
+
+    struct accounting_node *session(bool started)
+    {
+        accounting_msg_t m = login("alice", "aa:bb:cc:dd:ee:01", "wlan-1-1");
+        EXPECT_EQ(station_login_input(&m, sizeof m), 0);
+        auto *n = list_entry(mac_address_header.prev, struct accounting_node, address_sorting_list);
+        if (started)
+            report();
+        return n;
+    }
+    static void report(size_t len = sizeof(staStatus_t))
+    {
+        staStatus_t s{};
+        inet_aton("10.0.0.7", &s.client_ip);
+        memcpy(s.mac, MAC, 6);
+        station_report_input(&s, len);
+    }
+};
+
+TEST_F(Station, LoginsWaitForTheirReportOneAtATime)
+{
+    accounting_msg_t m = login("bob", "aa:bb:cc:dd:ee:01", "wlan-9-9");
+    EXPECT_EQ(station_login_input(&m, sizeof m), -1);  // no profile: the pass ends
+    EXPECT_EQ(station_login_input(&m, sizeof m - 1), 0);  // short: dropped
+    EXPECT_TRUE(list_empty(&mac_address_header));
+
+    struct accounting_node *a = session(false), *b = session(false);
+    report(sizeof(staStatus_t) - 1);  // short: starts nothing
+    EXPECT_EQ(testenv::sent.size(), 0u);
+    report();
+    EXPECT_EQ(a->self->user->accounting_start, 1);
+    EXPECT_EQ(b->self->user->accounting_start, 0);
+    EXPECT_EQ(a->self->user->user_ip.s_addr, inet_addr("10.0.0.7"));
+    EXPECT_EQ(testenv::sent.size(), 1u);
+    report();
+    EXPECT_EQ(b->self->user->accounting_start, 1);
+    EXPECT_TRUE(list_empty(&ip_change_header));
+}
+
+TEST_F(Station, StopOfEachKindOfSession)
+{
+    session(false);
+    feed(nl_event(SARNET_CMD_STA_DISASSOC, "wlan-1-1"));
+    EXPECT_TRUE(list_empty(&mac_address_header));  // never started: gone, no packet
+    EXPECT_EQ(testenv::sent.size(), 0u);
+
+    struct accounting_node *n = session(true);  // the Start stays unanswered
+    feed(nl_event(SARNET_CMD_STA_COUNTERS, "wlan-1-1", 5, 0));  // a zero in the pair: kept as is
+    feed(nl_event(SARNET_CMD_STA_COUNTERS, "wlan-1-1", 700, 900));
+    EXPECT_EQ(n->self->conn_tx_rx_status.tx, 700u);
+    AUTH_HDR *start = n->self->request;
+    feed(nl_event(SARNET_CMD_STA_DISASSOC, "wlan-1-2"));  // another interface
+    EXPECT_EQ(testenv::sent.size(), 1u);
+    feed(nl_event(SARNET_CMD_STA_DISASSOC, "wlan-1-1"));
+    ASSERT_EQ(testenv::sent.size(), 2u);
+    EXPECT_NE(n->self->request, start);
+    uint32_t status = 0;
+    radius_msg_get_attr_int32(n->self->request, 40, &status);
+    EXPECT_EQ(status, 2u);  // a new packet: the Stop
+    EXPECT_EQ(n->self->user->uam_logout_cause, 4);
+    EXPECT_TRUE(list_empty(&mac_address_header));
+    EXPECT_EQ(accounting_update_tx_rx("AA-BB-CC-DD-EE-01", PROFILE_TYPE_NORMAL, &n->self->conn_tx_rx_status), 0);
+}
+
+TEST_F(Station, DriverDatagramsAreReadOnlyWithinTheirBytes)
+{
+    struct accounting_node *n = session(true);
+    auto stopped = [&] { return list_empty(&mac_address_header); };
+    std::vector<uint8_t> ev = nl_event(SARNET_CMD_STA_DISASSOC, "wlan-1-1");
+
+    // Cut datagrams, a message longer than what came, a bad attribute length.
+    for (size_t len : {ev.size() - 1, size_t{40}, size_t{15}})
+        netlink_input(ev.data(), len);
+    std::vector<uint8_t> bad = ev;
+    bad[SARNET_ATTR_OFFSET] = 3;
+    feed(bad);
+    bad[SARNET_ATTR_OFFSET] = 0xff;  // past the message
+    feed(bad);
+    // Names that give no indexes (br0), the WLAN that never stops, and an
+    // OWE WLAN without its record: all dropped.
+    for (const char *name : {"br0", "wlan-1-10", "wlan-1-14"})
+        feed(nl_event(SARNET_CMD_STA_DISASSOC, name));
+    EXPECT_FALSE(stopped());
+    EXPECT_NE(n->self->user->accounting_start, 0);
+
+    // A short message of another type ahead of the event: skipped, event served.
+    std::vector<uint8_t> two(16);
+    nlmsghdr h{16, 3, 0, 0, 0};
+    memcpy(two.data(), &h, sizeof h);
+    two.insert(two.end(), ev.begin(), ev.end());
+    feed(two);
+    EXPECT_TRUE(stopped());
+}
+
+TEST_F(Station, CloudAssociationAddressAndOweRule)
+{
+    is_cloud = 1;
+    init_meterd_db();
+    struct accounting_radius *portal = make_profile("wlan-1-3", "127.0.0.1", "k", "", "", PROFILE_TYPE_PORTAL);
+    ASSERT_NE(portal_user_add("aa:bb:cc:dd:ee:01", "carol", "Guest", "SSID3"), nullptr);
+    dev.write("owe", "1 14 3\n");
+    feed(nl_event(SARNET_CMD_STA_ASSOC, "wlan-1-14"));  // the open SSID of WLAN 14 is 3
+    ASSERT_EQ(list_length(&portal_mac_address_header), 1u);
+    auto *n = list_entry(portal_mac_address_header.next, struct accounting_node, address_sorting_list);
+    EXPECT_STREQ(n->self->user->user_name, "carol");
+    EXPECT_EQ(n->self->acct_radius, portal);
+
+    // An address event whose offset leaves the record is dropped; a good one lands.
+    struct accounting_node *s = session(false);
+    std::vector<uint8_t> ip = nl_event(SARNET_CMD_STA_IP, "wlan-1-1");
+    const size_t req = SARNET_ATTR_OFFSET + 4 + offsetof(sarnet_event, data);
+    for (uint16_t at : {uint16_t{190}, uint16_t{40}}) {
+        memcpy(&ip[req], &at, 2);
+        memcpy(&ip[req + 40], "\x0a\x00\x00\x09", 4);
+        feed(ip);
+    }
+    EXPECT_EQ(s->self->user->user_ip.s_addr, inet_addr("10.0.0.9"));
+
+    portal_user_remove("AA-BB-CC-DD-EE-01", "SSID3");
+    is_cloud = 0;
+}
+
+}  // namespace
