@@ -10,6 +10,12 @@ packages=(
   freeradius freeradius-utils python3 python3-pyrad faketime iproute2 util-linux mount
 )
 
+# The tests resolve "localhost" as a server name. A root made by debootstrap
+# has no /etc/hosts, and the test namespaces have no DNS.
+if ! getent hosts localhost >/dev/null && [ "$(id -u)" -eq 0 ]; then
+  printf '127.0.0.1\tlocalhost\n::1\tlocalhost ip6-localhost ip6-loopback\n' >> /etc/hosts
+fi
+
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
