@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "platform/sim/sim.h"
 
@@ -31,22 +30,23 @@ int main(int argc, char **argv)
     const char *command = argv[4];
     if (strncmp(command, kShowStation, sizeof kShowStation - 1) != 0)
         return usage("unknown command");
-    std::string mac = command + sizeof kShowStation - 1;
-    while (!mac.empty() && mac.back() == ' ')
-        mac.pop_back();
+    char mac[64];
+    copy_text(mac, sizeof mac, command + sizeof kShowStation - 1);
+    for (size_t n = strlen(mac); n && mac[n - 1] == ' ';)
+        mac[--n] = '\0';
 
     const char *root = getenv("METERD_SIM_ROOT");
     sim_station sta;
-    if (!sim_find_station(root && *root ? root : SIM_DEFAULT_ROOT, mac.c_str(), &sta)) {
-        printf("%% Station %s not found\n", mac.c_str());
+    if (!sim_find_station(root && *root ? root : SIM_DEFAULT_ROOT, mac, &sta)) {
+        printf("%% Station %s not found\n", mac);
         return 0;
     }
-    printf("Station %s\n", mac.c_str());
+    printf("Station %s\n", mac);
     printf("  State:  associated\n");
-    if (sta.ip != "-")
-        printf("  IPv4:  %s\n", sta.ip.c_str());
+    if (strcmp(sta.ip, "-") != 0)
+        printf("  IPv4:  %s\n", sta.ip);
     printf("  IPv6:  -\n");
-    printf("  RX bytes:  %s\n", sta.rx == "-" ? "0" : sta.rx.c_str());
-    printf("  TX bytes:  %s\n", sta.tx == "-" ? "0" : sta.tx.c_str());
+    printf("  RX bytes:  %s\n", strcmp(sta.rx, "-") == 0 ? "0" : sta.rx);
+    printf("  TX bytes:  %s\n", strcmp(sta.tx, "-") == 0 ? "0" : sta.tx);
     return 0;
 }

@@ -7,13 +7,12 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "database/accounting_db_api.h"
 #include "frame/meterd.h"
 #include "platform/platform.h"
 
-std::string sim_root = SIM_DEFAULT_ROOT;
+sim_path sim_root = {SIM_DEFAULT_ROOT};
 
 const int meterd_netlink_protocol = NETLINK_USERSOCK;
 
@@ -21,20 +20,21 @@ namespace {
 
 enum { SIM_RESULT_LEN = 1024, SIM_MAX_WORDS = 16 };
 
-void trim_line_end(std::string *s)
+void trim_line_end(char *s)
 {
-    while (!s->empty() && (s->back() == '\n' || s->back() == '\r'))
-        s->pop_back();
+    size_t n = strlen(s);
+    while (n && (s[n - 1] == '\n' || s[n - 1] == '\r'))
+        s[--n] = '\0';
 }
 
-std::string device_mac()
+// The table name the statistics database has on this device.
+void station_table(char *buf, size_t size)
 {
-    char buf[64];
-    memset(buf, 0, sizeof buf);
-    rrm_get_common_mac(buf, sizeof buf);
-    std::string mac = buf;
-    trim_line_end(&mac);
-    return mac;
+    char mac[64];
+    memset(mac, 0, sizeof mac);
+    rrm_get_common_mac(mac, sizeof mac);
+    trim_line_end(mac);
+    snprintf(buf, size, "STA_STATISTIC-%s", mac);
 }
 
 // The client handle only has to be distinct from NULL.
@@ -58,22 +58,23 @@ int sim_gen_cmd(void *, char *result, ...)
             word[n++] = w;
     va_end(ap);
 
-    std::string answer = "N/A";
+    const char *answer = "N/A";
+    sim_station sta;
     if (n == 7 && strcmp(word[0], "dbctl") == 0 && strcmp(word[1], "-t") == 0 &&
         strcmp(word[3], "-k") == 0 && strcmp(word[5], "-g") == 0) {
-        std::string table = word[2];
-        trim_line_end(&table);
-        sim_station sta;
-        if (table == "STA_STATISTIC-" + device_mac() &&
-            sim_find_station(sim_root, word[4], &sta)) {
-            const std::string &value = strcmp(word[6], "RX") == 0   ? sta.rx
-                                       : strcmp(word[6], "TX") == 0 ? sta.tx
-                                                                    : std::string("-");
-            if (value != "-")
+        char table[128], want[128];
+        copy_text(table, sizeof table, word[2]);
+        trim_line_end(table);
+        station_table(want, sizeof want);
+        if (strcmp(table, want) == 0 && sim_find_station(sim_root, word[4], &sta)) {
+            const char *value = strcmp(word[6], "RX") == 0   ? sta.rx
+                                : strcmp(word[6], "TX") == 0 ? sta.tx
+                                                             : "-";
+            if (strcmp(value, "-") != 0)
                 answer = value;
         }
     }
-    snprintf(result, SIM_RESULT_LEN, "%s", answer.c_str());
+    snprintf(result, SIM_RESULT_LEN, "%s", answer);
     return 0;
 }
 
@@ -88,7 +89,9 @@ extern "C" {
 int merra_wlan_get_hybridmode(void)
 {
     int mode = WHOPMODE_STANDALONE;
-    FILE *f = fopen((sim_root + "/hybridmode").c_str(), "r");
+    char path[160];
+    snprintf(path, sizeof path, "%s/hybridmode", sim_root.c_str());
+    FILE *f = fopen(path, "r");
     if (!f)
         return mode;
     if (fscanf(f, "%d", &mode) != 1)
@@ -102,7 +105,9 @@ int rrm_get_common_mac(char *buf, int len)
     if (!buf || len <= 0)
         return -1;
     buf[0] = '\0';
-    FILE *f = fopen((sim_root + "/mac").c_str(), "r");
+    char path[160];
+    snprintf(path, sizeof path, "%s/mac", sim_root.c_str());
+    FILE *f = fopen(path, "r");
     if (!f) {
         snprintf(buf, static_cast<size_t>(len), "%s", SIM_DEFAULT_MAC);
         return 0;

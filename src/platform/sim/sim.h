@@ -12,26 +12,44 @@
 
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "database/accounting_db_api.h"
-
-// Test-only: where the simulated device keeps its files.
-extern std::string sim_root;
 
 #define SIM_DEFAULT_ROOT "/tmp/devsim"
 #define SIM_DEFAULT_MAC "02:00:00:00:00:01"
 
+// A directory path in a fixed buffer, so that the daemon needs no C++
+// library; the member names let tests assign and save it like a string.
+struct sim_path {
+    char text[128];
+    const char *c_str() const { return text; }
+    operator const char *() const { return text; }
+    sim_path &operator=(const char *path)
+    {
+        copy_text(text, sizeof text, path);
+        return *this;
+    }
+    template <class Text>
+    sim_path &operator=(const Text &path)
+    {
+        return *this = path.c_str();
+    }
+};
+
+// Test-only: where the simulated device keeps its files.
+extern sim_path sim_root;
+
+// "-" in a field when the stations file does not say.
 struct sim_station {
-    std::string ip;  // "-" when unknown
-    std::string rx;  // "-" when unknown
-    std::string tx;  // "-" when unknown
+    char ip[64];
+    char rx[64];
+    char tx[64];
 };
 
 // Looks up a station of root/stations by MAC, both sides compared in the
 // daemon's canonical form. Shared by the sim libraries and the simulated
 // shell. true when found.
-inline bool sim_find_station(const std::string &root, const char *mac, sim_station *out)
+inline bool sim_find_station(const char *root, const char *mac, sim_station *out)
 {
     char want[18];
     memset(want, 0, sizeof want);
@@ -39,7 +57,9 @@ inline bool sim_find_station(const std::string &root, const char *mac, sim_stati
     if (!want[0])
         return false;
 
-    FILE *f = fopen((root + "/stations").c_str(), "r");
+    char path[160];
+    snprintf(path, sizeof path, "%s/stations", root);
+    FILE *f = fopen(path, "r");
     if (!f)
         return false;
     bool found = false;
@@ -53,9 +73,9 @@ inline bool sim_find_station(const std::string &root, const char *mac, sim_stati
         memset(have, 0, sizeof have);
         change_mac_format(have, field[0]);
         if (have[0] && strcmp(have, want) == 0) {
-            out->ip = field[1];
-            out->rx = field[2];
-            out->tx = field[3];
+            memcpy(out->ip, field[1], sizeof out->ip);
+            memcpy(out->rx, field[2], sizeof out->rx);
+            memcpy(out->tx, field[3], sizeof out->tx);
             found = true;
         }
     }
