@@ -1,0 +1,224 @@
+// The wireless driver's station events: netlink messages multicast to group 1,
+// several to a datagram if asked, each on a 4-byte boundary. Options that
+// break the format on purpose are there for tests of the daemon's reader.
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include "devsim.h"
+#include "events/driver_events.h"
+
+namespace devsim {
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+static_assert(sizeof(struct nlmsghdr) + sizeof(sarnet_ifinfomsg) == SARNET_ATTR_OFFSET, "layout");
+// The default offset of the address in an address event: behind the
+// station's counters, where nothing else the daemon reads stands.
+const int kIpOffset = 176;
+
+template <typename T>
+void append(Bytes *out, const T &record)
+{
+    const uint8_t *p = reinterpret_cast<const uint8_t *>(&record);
+    out->insert(out->end(), p, p + sizeof record);
+}
+
+int default_cmd(const Command &c)
+{
+    if (&c == &assoc_command)
+        return SARNET_CMD_STA_ASSOC;
+    if (&c == &disassoc_command)
+        return SARNET_CMD_STA_DISASSOC;
+    if (&c == &counters_command)
+        return SARNET_CMD_STA_COUNTERS;
+    return SARNET_CMD_STA_IP;
+}
+
+Bytes wireless_message(const Command &c, const Args &a)
+{
+    sarnet_event ev;
+    memset(&ev, 0, sizeof ev);
+    ev.hdr.cmd = static_cast<uint16_t>(a.number("--cmd", default_cmd(c), 0, 0xFFFF));
+    a.mac("--mac", ev.data.u.sta.macaddr);
+    if (&c == &counters_command) {
+        ev.data.u.sta.tx_bytes = parse_u64("--tx", a.get("--tx", "0"));
+        ev.data.u.sta.rx_bytes = parse_u64("--rx", a.get("--rx", "0"));
+    }
+    if (&c == &ip_command) {
+        long long offset = a.number("--ip-offset", kIpOffset, 0, 0xFFFF);
+        struct in_addr ip = a.ipv4("--ip", DEVSIM_IP);
+        ev.data.hdr.len = static_cast<uint16_t>(offset);
+        if (offset + sizeof ip <= sizeof ev.data)
+            memcpy(reinterpret_cast<uint8_t *>(&ev.data) + offset, &ip, sizeof ip);
+    }
+
+    sarnet_ifinfomsg ifi;
+    memset(&ifi, 0, sizeof ifi);
+    a.text("--iface", DEVSIM_IFACE, ifi.ifi_name, false);
+
+    struct nlattr nla;
+    nla.nla_len = static_cast<uint16_t>(a.number("--nla-len", sizeof nla + sizeof ev, 0, 0xFFFF));
+    nla.nla_type = static_cast<uint16_t>(a.number("--attr-type", SARNET_ATTR_EVENT, 0, 0xFFFF));
+
+    struct nlmsghdr h;
+    memset(&h, 0, sizeof h);
+    size_t total = sizeof h + sizeof ifi + sizeof nla + sizeof ev;
+    h.nlmsg_len = static_cast<uint32_t>(a.number("--nlmsg-len", total, 0, UINT32_MAX));
+    h.nlmsg_type = static_cast<uint16_t>(a.number("--type", SARNETM_WIRELESS_EVENT, 0, 0xFFFF));
+
+    Bytes m;
+    append(&m, h);
+    append(&m, ifi);
+    append(&m, nla);
+    append(&m, ev);
+    return m;
+}
+
+Bytes other_message(const Args &a)
+{
+    struct nlmsghdr h;
+    memset(&h, 0, sizeof h);
+    long long len = a.number("--len", sizeof h, sizeof h, 4096);
+    h.nlmsg_len = static_cast<uint32_t>(a.number("--nlmsg-len", len, 0, UINT32_MAX));
+    h.nlmsg_type = static_cast<uint16_t>(a.number("--type", __SARNETM_MAX, 0, 0xFFFF));
+    Bytes m;
+    append(&m, h);
+    m.resize(static_cast<size_t>(len));
+    return m;
+}
+
+const Command *driver_event(const std::string &name)
+{
+    for (const Command *c :
+         {&assoc_command, &disassoc_command, &counters_command, &ip_command, &other_command})
+        if (name == c->name)
+            return c;
+    bad("--then: '%s' is no driver event (assoc, disassoc, counters, ip, other)", name.c_str());
+}
+
+void send_netlink(const Bytes &data, size_t len)
+{
+    // The simulated access point's driver protocol.
+    int fd = socket(AF_NETLINK, SOCK_RAW, NETLINK_USERSOCK);
+    if (fd < 0)
+        failed("netlink socket: %s", strerror(errno));
+    struct sockaddr_nl to;
+    memset(&to, 0, sizeof to);
+    to.nl_family = AF_NETLINK;
+    to.nl_groups = NETLINK_GROUP_STA;
+    ssize_t n = sendto(fd, data.data(), len, 0, reinterpret_cast<struct sockaddr *>(&to), sizeof to);
+    int err = errno;
+    close(fd);
+    // The kernel multicasts first and then also delivers to port 0, which no
+    // kernel socket holds for this protocol: that half fails with
+    // ECONNREFUSED whether or not anyone was listening on the group.
+    if (n < 0 && err != ECONNREFUSED)
+        failed("netlink send: %s", strerror(err));
+}
+
+// EVENT [options] [--then EVENT [options] ...]: all in one datagram.
+int run_driver(const Command &first, const Words &words)
+{
+    Bytes datagram;
+    long long truncate = -1;
+    const Command *c = &first;
+    for (size_t i = 0;;) {
+        size_t j = i;
+        while (j < words.size() && words[j] != "--then")
+            ++j;
+        Args a(*c, Words(words.begin() + i, words.begin() + j));
+        if (a.has("--truncate")) {
+            if (truncate >= 0)
+                bad("--truncate: given twice");
+            truncate = a.number("--truncate", 0, 0, INT_MAX);
+        }
+        datagram.resize(NLMSG_ALIGN(datagram.size()));
+        Bytes m = c == &other_command ? other_message(a) : wireless_message(*c, a);
+        datagram.insert(datagram.end(), m.begin(), m.end());
+        if (j == words.size())
+            break;
+        if (j + 1 == words.size())
+            bad("--then: missing event");
+        c = driver_event(words[j + 1]);
+        i = j + 2;
+    }
+    if (truncate > static_cast<long long>(datagram.size()))
+        bad("--truncate: %lld bytes, the datagram has %zu", truncate, datagram.size());
+    send_netlink(datagram, truncate >= 0 ? static_cast<size_t>(truncate) : datagram.size());
+    return 0;
+}
+
+#define DEVSIM_THEN                                                                         \
+    "Several events go in one datagram joined by --then, e.g.\n"                            \
+    "  devsim other --then disassoc --mac 02-00-00-00-00-03 --then counters --tx 9 --rx 7\n" \
+    "(the daemon reads 256 bytes of a datagram: one event of 244 fits whole)."
+
+const std::vector<Option> kMessage = {
+    {"--nlmsg-len", "N", "nlmsg_len as given (the message's length)"},
+    {"--type", "N", "nlmsg_type (1 for an event, 2 for other)"},
+    {"--truncate", "N", "send only the first N bytes of the datagram"},
+};
+
+std::vector<Option> wireless_options(std::vector<Option> own)
+{
+    std::vector<Option> all = {
+        {"--mac", "MAC", "macaddr of the station (" DEVSIM_MAC ")"},
+        {"--iface", "NAME", "ifi_name, up to 16 characters, no terminator needed (" DEVSIM_IFACE ")"},
+        {"--cmd", "N", "hdr.cmd of the event (the command's own)"},
+        {"--nla-len", "N", "nla_len as given (204)"},
+        {"--attr-type", "N", "nla_type (0x8000, SARNET_ATTR_EVENT)"},
+    };
+    all.insert(all.end(), own.begin(), own.end());
+    all.insert(all.end(), kMessage.begin(), kMessage.end());
+    return all;
+}
+
+}  // namespace
+
+const Command assoc_command = {
+    "assoc", "[options] [--then EVENT ...]",
+    "a station associated (SARNET_CMD_STA_ASSOC), as the driver says on netlink\n" DEVSIM_THEN,
+    wireless_options({}), run_driver,
+};
+
+const Command disassoc_command = {
+    "disassoc", "[options] [--then EVENT ...]",
+    "a station left (SARNET_CMD_STA_DISASSOC), as the driver says on netlink\n" DEVSIM_THEN,
+    wireless_options({}), run_driver,
+};
+
+const Command counters_command = {
+    "counters", "[--tx N] [--rx N] [options] [--then EVENT ...]",
+    "byte counters of a station (SARNET_CMD_STA_COUNTERS), as the driver says\n" DEVSIM_THEN,
+    wireless_options({{"--tx", "N", "tx_bytes (0)"}, {"--rx", "N", "rx_bytes (0)"}}), run_driver,
+};
+
+const Command ip_command = {
+    "ip", "[--ip A.B.C.D] [options] [--then EVENT ...]",
+    "a station's address (SARNET_CMD_STA_IP), as the driver says on netlink\n" DEVSIM_THEN,
+    wireless_options({{"--ip", "A.B.C.D", "the address (" DEVSIM_IP ")"},
+                      {"--ip-offset", "N",
+                       "hdr.len of sarnet_req_data, where the address stands (176); "
+                       "past the record's end the address is left out"}}),
+    run_driver,
+};
+
+const Command other_command = {
+    "other", "[--len N] [--type N] [--then EVENT ...]",
+    "a bare netlink message of another type (2), to stand ahead of an event\n" DEVSIM_THEN,
+    [] {
+        std::vector<Option> o = {{"--len", "N", "bytes of the message, header included (16)"}};
+        o.insert(o.end(), kMessage.begin(), kMessage.end());
+        return o;
+    }(),
+    run_driver,
+};
+
+}  // namespace devsim
