@@ -1,0 +1,104 @@
+#!/usr/bin/python3
+"""meterctl, the control tool, end to end: each command's datagram has its effect on the daemon,
+and every bad input is refused with its own message before anything reaches the socket."""
+import os
+import socket
+import subprocess
+
+import harness
+from harness import CONTROL_SOCK, OFF_TAIL, ON_TAIL, Meterd, Peer
+
+SECRET, NEW_SECRET = 'testing123', 'n3w-s3cret'
+
+
+def meterctl(*args):
+    return subprocess.run([os.path.join(harness.BUILD_DIR, 'meterctl')] + [str(a) for a in args],
+                          capture_output=True, text=True, timeout=10)
+
+
+class Meterctl(harness.SystemTest):
+
+    def ctl(self, *args):
+        result = meterctl(*args)
+        self.assertEqual((result.returncode, result.stderr), (0, ''), args)
+        return result.stdout
+
+    def test_every_command_reaches_the_daemon(self):
+        self.start(Meterd())
+        self.ctl('debug', 'on')
+        self.wait_console('debug level: 1\n')
+        # wlan-1-1's server never answers, so its Accounting-On waits on the request queue.
+        silent = self.start(Peer(SECRET, default='drop'))
+        self.ctl('add', 'wlan-1-1', '127.0.0.1', silent.port, SECRET)
+        self.assertEqual(silent.wait(1)[0][20:], ON_TAIL)
+        view = self.ctl('dump')
+        self.assertRegex(view, r'^scheduler \(due\)\n  in [345]s +request queue\n\n'
+                               r'request queue \(answer due\)\n  in [345]s +wlan-1-1 +Accounting-On/Off\n\n'
+                               r'fail queue \(.*\)\n  \(empty\)\n$')
+        self.assertEqual(self.ctl('dump', '--raw'), harness.read_file(harness.DUMP_FILE))
+        # wlan-1-2's controller moves to 127.0.0.2 and takes a new secret there: the
+        # Accounting-Off of exit and of remove go there, signed with it (as wait checks).
+        first = self.start(Peer(SECRET, '127.0.0.3'))
+        moved = self.start(Peer(NEW_SECRET, '127.0.0.2', first.port))
+        self.ctl('add', 'wlan-1-2', '127.0.0.3', first.port, SECRET, 'localhost', 1, 'backup')
+        self.assertEqual(first.wait(1)[0][20:], ON_TAIL)
+        self.ctl('ac-address', '127.0.0.3', '127.0.0.2')
+        self.ctl('ac-secret', '127.0.0.2', NEW_SECRET)
+        self.ctl('exit')
+        self.assertEqual(moved.wait(1)[0][20:], OFF_TAIL)
+        self.ctl('remove', 'wlan-1-2')
+        self.assertEqual(moved.wait(2)[1][20:], OFF_TAIL)
+        self.wait_console('Accounting off. Server IP:127.0.0.2\n')
+        # A removal of an unknown interface is traced only while debugging is on.
+        self.ctl('debug', 'off')
+        self.ctl('remove', 'wlan-9-9')
+        self.ctl('debug', 'on')
+        self.ctl('remove', 'wlan-9-9')
+        self.wait_console('search_radius fail.\n')
+        self.assertEqual(self.console.text.count('search_radius fail.\n', self.mark), 1)
+
+    def test_bad_input_sends_nothing(self):
+        long_text = 'x' * 64
+        cases = [
+            (('frobnicate',), "unknown command 'frobnicate'"),
+            (('--verbose', 'dump'), "unknown option '--verbose'"),
+            (('dump', '--verbose'), "unknown option '--verbose' for dump"),
+            ((), 'no command given'),
+            (('remove',), 'too few arguments for remove'),
+            (('remove', 'wlan-1-1', 'wlan-1-2'), 'too many arguments for remove'),
+            (('add', 'wlan-1-1', 'h', 1813, 's', 'b'), 'add takes 4 arguments, or 7 with a backup server, not 5'),
+            (('add', long_text, 'h', 1813, 's'), 'interface is 64 characters long, at most 63 fit'),
+            (('add', 'wlan-1-1', long_text, 1813, 's'), 'host is 64 characters long, at most 63 fit'),
+            (('add', 'wlan-1-1', 'h', 1813, long_text + 'x'), 'secret is 65 characters long, at most 64 fit'),
+            (('add', 'wlan-1-1', 'h', 1813, 's', long_text, 1813, 's'), 'backup host is 64 characters long'),
+            (('add', 'wlan-1-1', 'h', 1813, 's', 'b', 1813, ''), 'backup secret must not be empty'),
+            (('add', 'wlan-1-1', 'h', 0, 's'), "port '0' is not a number from 1 to 65535"),
+            (('add', 'wlan-1-1', 'h', 65536, 's'), "port '65536' is not a number from 1 to 65535"),
+            (('add', 'wlan-1-1', 'h', '18x', 's'), "port '18x' is not a number from 1 to 65535"),
+            (('add', 'wlan-1-1', 'h', 1813, 's', 'b', -1, 's'), "backup port '-1' is not a number"),
+            (('ac-secret', '10.0.0.1', long_text), 'secret is 64 characters long, at most 63 fit'),
+            (('ac-address', '10.0.0.1', long_text), 'new address is 64 characters long, at most 63 fit'),
+            (('debug', 'loud'), "debug takes on or off, not 'loud'"),
+        ]
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as listener:
+            listener.bind(CONTROL_SOCK)
+            listener.setblocking(False)
+            for args, message in cases:
+                with self.subTest(args=args):
+                    result = meterctl(*args)
+                    self.assertEqual(result.returncode, 2)
+                    self.assertRegex(result.stderr, '^meterctl: %s[^\n]*\n$' % message)
+                    self.assertRaises(BlockingIOError, listener.recv, 1024)
+            # The listener does hear a good command: a whole, zeroed record.
+            self.assertEqual(meterctl('debug', 'on').returncode, 0)
+            self.assertEqual(listener.recv(1024), harness.event(harness.EV_DEBUG_ON))
+        # Now the socket file is left without a reader, then gone.
+        refused = lambda reason: (1, 'meterctl: meterd is not listening on %s: %s\n' % (CONTROL_SOCK, reason))
+        result = meterctl('exit')
+        self.assertEqual((result.returncode, result.stderr), refused('Connection refused'))
+        os.unlink(CONTROL_SOCK)
+        result = meterctl('exit')
+        self.assertEqual((result.returncode, result.stderr), refused('No such file or directory'))
+
+if __name__ == '__main__':
+    harness.main()
