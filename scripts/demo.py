@@ -1,54 +1,132 @@
 #!/usr/bin/python3
-"""Runs meterd against a local FreeRADIUS on the simulated access point and
-shows what happens, inside a private namespace of its own."""
+"""Runs meterd on the simulated access point against a local FreeRADIUS, inside a private
+namespace of its own, and plays a short day of an access point with devsim: a profile, stations
+that log in, get addresses, send traffic and leave. Every record FreeRADIUS writes is shown as it
+arrives. --cloud plays the same in cloud mode: portal profiles and UAM logins.
+The daemon runs on a clock ten times faster, so that Interim-Updates come within seconds."""
 import os
+import re
+import subprocess
 import sys
+import threading
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'tests', 'system'))
 import harness  # noqa: E402
 
-SECRET = 'testing123'
+SECRET, SPEED = 'testing123', 10
+STATIONS = [('alice', 'aa:bb:cc:00:00:01', '10.0.0.11'), ('bob', 'aa:bb:cc:00:00:02', '10.0.0.12'),
+            ('carol', 'aa:bb:cc:00:00:03', '10.0.0.13')]
+SHOWN = ('Acct-Status-Type', 'User-Name', 'Acct-Session-Id', 'Calling-Station-Id', 'Framed-IP-Address',
+         'Acct-Input-Octets', 'Acct-Output-Octets', 'Acct-Session-Time', 'Acct-Terminate-Cause')
 
 
-def show(title, text):
-    print('\n=== %s ===' % title)
-    print(text.rstrip('\n') or '(nothing)')
+def step(text):
+    print('\n--- %s' % text, flush=True)
 
 
-def last_record(server):
-    with open(os.path.join(server.dir, 'detail')) as f:
-        return f.read().strip().split('\n\n')[-1]
+def devsim(*args):
+    print('$ devsim ' + ' '.join(str(a) for a in args), flush=True)
+    subprocess.run([os.path.join(harness.BUILD_DIR, 'devsim')] + [str(a) for a in args], check=True)
+
+
+def follow(server, stop):
+    """Prints each record of FreeRADIUS's detail file once it is complete."""
+    seen = 0
+    while not stop.is_set():
+        blocks = harness.read_file(server.dir + '/detail').split('\n\n')[:-1]
+        for block in blocks[seen:]:
+            fields = dict(re.findall(r'^\t(\S+) = "?(.*?)"?$', block, re.M))
+            print('  FreeRADIUS <- ' + ', '.join('%s=%s' % (k, fields[k]) for k in SHOWN if k in fields),
+                  flush=True)
+        seen = len(blocks)
+        time.sleep(0.1)
+
+
+def wait(server, status, count):
+    """Waits until FreeRADIUS holds `count` records of that Acct-Status-Type."""
+    deadline = time.monotonic() + 15
+    while sum(r.get('Acct-Status-Type') == status for r in server.wait_records(1)) < count:
+        assert time.monotonic() < deadline, 'FreeRADIUS did not get %d %s' % (count, status)
+        time.sleep(0.1)
+    time.sleep(0.3)  # lets the follower print what just arrived before the next step
+
+
+def normal_day(daemon, server):
+    step('a profile for wlan-1-1 over the control socket: Accounting-On')
+    daemon.send(harness.ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
+    wait(server, 'Accounting-On', 1)
+    step('three stations log in and the HAL reports their addresses: a Start each')
+    for user, mac, ip in STATIONS:
+        devsim('station', 'add', '--mac', mac, '--ip', ip, '--rx', 0, '--tx', 0)
+        devsim('login', '--user', user, '--mac', mac, '--iface', 'wlan-1-1', '--interim', 60)
+        devsim('report', '--mac', mac, '--ip', ip)
+    wait(server, 'Start', 3)
+    step('the queues now (%s)' % harness.DUMP_FILE)
+    print(daemon.dump().rstrip())
+    step('traffic: the device counts bytes; Interim-Updates report them')
+    for n, (_, mac, ip) in enumerate(STATIONS, 1):
+        devsim('station', 'set', '--mac', mac, '--rx', 150000 * n, '--tx', 900000 * n)
+    wait(server, 'Interim-Update', 3)
+    step('bob leaves first: the driver reports his last counters, then the disassociation')
+    devsim('counters', '--mac', STATIONS[1][1], '--iface', 'wlan-1-1', '--tx', 2500000, '--rx', 400000)
+    devsim('disassoc', '--mac', STATIONS[1][1], '--iface', 'wlan-1-1')
+    wait(server, 'Stop', 1)
+    step('alice and carol leave: their Stops carry what the last Interim-Update counted')
+    for _, mac, _ in (STATIONS[0], STATIONS[2]):
+        devsim('disassoc', '--mac', mac, '--iface', 'wlan-1-1')
+    wait(server, 'Stop', 3)
+    step('the profile is removed: Accounting-Off')
+    daemon.send(harness.event(harness.EV_REMOVE, 'wlan-1-1'))
+    wait(server, 'Accounting-Off', 1)
+
+
+def cloud_day(daemon, server):
+    step('cloud mode: one portal datagram configures wlan-1-1 and wlan-1-2: Accounting-On each')
+    devsim('portal', '--entry', 'wlan-1-1', 'host=127.0.0.1,port=1813,secret=' + SECRET + ',interim=5',
+           '--entry', 'wlan-1-2', 'host=127.0.0.1,port=1813,secret=' + SECRET)
+    wait(server, 'Accounting-On', 2)
+    (user, mac, ip), (guest, gmac, gip) = STATIONS[:2]
+    step('%s logs in at the portal here: Start at once, with the address the device reports' % user)
+    devsim('station', 'add', '--mac', mac, '--ip', ip, '--rx', 1200, '--tx', 3400)
+    devsim('uam', '--event', 'login', '--user', user, '--mac', mac, '--iface', 'wlan-1-1', '--ssid', 'Guest')
+    wait(server, 'Start', 1)
+    step('%s logged in elsewhere (foreign), then associates here and gets an address' % guest)
+    devsim('uam', '--event', 'login', '--foreign', '--user', guest, '--mac', gmac, '--iface', 'wlan-1-2',
+           '--ssid', 'Guest2')
+    devsim('assoc', '--mac', gmac, '--iface', 'wlan-1-2')
+    devsim('report', '--mac', gmac, '--ip', gip)
+    wait(server, 'Start', 2)
+    step('the queues now (%s)' % harness.DUMP_FILE)
+    print(daemon.dump().rstrip())
+    step('both leave: a Stop each')
+    devsim('disassoc', '--mac', mac, '--iface', 'wlan-1-1')
+    devsim('disassoc', '--mac', gmac, '--iface', 'wlan-1-2')
+    wait(server, 'Stop', 2)
 
 
 def main():
+    cloud = '--cloud' in sys.argv[1:]
     harness.enter_namespace()
-    console = harness.console()
+    harness.console()
     undo = harness.fresh_dirs()
-    server, daemon = harness.FreeRadius(SECRET), harness.Meterd(['-d'])
+    if cloud:
+        os.makedirs('/tmp/devsim', exist_ok=True)
+        with open('/tmp/devsim/hybridmode', 'w') as f:
+            f.write('5\n')
+    server, daemon = harness.FreeRadius(SECRET), harness.Meterd(['-d'], speed=SPEED)
     server.start()
     daemon.start()
+    stop = threading.Event()
+    threading.Thread(target=follow, args=(server, stop), daemon=True).start()
     try:
-        show('FreeRADIUS', 'listening on 127.0.0.1:1813, client 127.0.0.1, secret "%s"' % SECRET)
-        show('meterd -d (stderr)', daemon.stderr())
-
-        mark = len(console.text)
-        daemon.send(harness.ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
-        console.wait_for('Accounting on. Server IP:127.0.0.1\n', mark)
-        time.sleep(0.2)
-        show('console after event 4 (profile wlan-1-1)', console.text[mark:])
-        show('FreeRADIUS detail record of the Accounting-On', last_record(server))
-
-        show('dump (%s)' % harness.DUMP_FILE, daemon.dump())
-
-        mark = len(console.text)
-        daemon.send(harness.event(harness.EV_REMOVE, 'wlan-1-1'))
-        console.wait_for('free RADIUS profile \n', mark)
-        show('console after event 2 (remove wlan-1-1)', console.text[mark:])
-        server.wait_records(2)
-        show('FreeRADIUS detail record of the Accounting-Off', last_record(server))
-        show('dump (%s)' % harness.DUMP_FILE, daemon.dump())
+        print('FreeRADIUS on 127.0.0.1:1813 (secret "%s"); meterd on the simulated access point, %s mode'
+              % (SECRET, 'cloud' if cloud else 'standalone'))
+        (cloud_day if cloud else normal_day)(daemon, server)
+        time.sleep(0.3)
+        step('done: every record above is in %s/detail' % server.dir)
     finally:
+        stop.set()
         daemon.stop()
         server.stop()
         undo()

@@ -7,4 +7,4 @@ cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Debug >/dev/null
 cmake --build build -j2
-PYTHONDONTWRITEBYTECODE=1 METERD_BUILD_DIR="$PWD/build" /usr/bin/python3 scripts/demo.py
+PYTHONDONTWRITEBYTECODE=1 METERD_BUILD_DIR="$PWD/build" /usr/bin/python3 scripts/demo.py "$@"
