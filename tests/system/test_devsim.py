@@ -87,6 +87,9 @@ class Devsim(harness.SystemTest):
         d = self.send(nl, 'disassoc', '--type', '3', '--nlmsg-len', '999', '--attr-type', '7', '--truncate', '100')
         self.assertEqual(struct.unpack_from('<IH', d) + struct.unpack_from('<2xHxxH', d, 40) + (len(d), d[16:25]),
                          (999, 3, 7, 0x8002, 100, b'wlan-1-1\0'))
+        d = self.send(nl, 'other', '--then', 'assoc', '--payload', '24')  # fits in the daemon's 256 bytes
+        self.assertEqual((len(d),) + struct.unpack_from('<I', d, 16) + struct.unpack_from('<HH2xH', d, 56),
+                         (84, 68, 28, 0x8000, 0x8001))
 
     def test_refusals_send_nothing(self):
         socks = [self.listen(path) for path in (LOGIN, REPORT, PORTAL, UAM)]

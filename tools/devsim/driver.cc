@@ -63,13 +63,15 @@ Bytes wireless_message(const Command &c, const Args &a)
     memset(&ifi, 0, sizeof ifi);
     a.text("--iface", DEVSIM_IFACE, ifi.ifi_name, false);
 
+    // A cut payload lets a short message and an event share the 256 bytes the daemon reads.
+    size_t payload = static_cast<size_t>(a.number("--payload", sizeof ev, 0, sizeof ev));
     struct nlattr nla;
-    nla.nla_len = static_cast<uint16_t>(a.number("--nla-len", sizeof nla + sizeof ev, 0, 0xFFFF));
+    nla.nla_len = static_cast<uint16_t>(a.number("--nla-len", sizeof nla + payload, 0, 0xFFFF));
     nla.nla_type = static_cast<uint16_t>(a.number("--attr-type", SARNET_ATTR_EVENT, 0, 0xFFFF));
 
     struct nlmsghdr h;
     memset(&h, 0, sizeof h);
-    size_t total = sizeof h + sizeof ifi + sizeof nla + sizeof ev;
+    size_t total = sizeof h + sizeof ifi + sizeof nla + payload;
     h.nlmsg_len = static_cast<uint32_t>(a.number("--nlmsg-len", total, 0, UINT32_MAX));
     h.nlmsg_type = static_cast<uint16_t>(a.number("--type", SARNETM_WIRELESS_EVENT, 0, 0xFFFF));
 
@@ -78,6 +80,7 @@ Bytes wireless_message(const Command &c, const Args &a)
     append(&m, ifi);
     append(&m, nla);
     append(&m, ev);
+    m.resize(total);
     return m;
 }
 
@@ -157,8 +160,8 @@ int run_driver(const Command &first, const Words &words)
 
 #define DEVSIM_THEN                                                                         \
     "Several events go in one datagram joined by --then, e.g.\n"                            \
-    "  devsim other --then disassoc --mac 02-00-00-00-00-03 --then counters --tx 9 --rx 7\n" \
-    "(the daemon reads 256 bytes of a datagram: one event of 244 fits whole)."
+    "  devsim other --then disassoc --mac 02-00-00-00-00-03 --payload 24\n"                  \
+    "The daemon reads 256 bytes of a datagram: one whole event takes 244."
 
 const std::vector<Option> kMessage = {
     {"--nlmsg-len", "N", "nlmsg_len as given (the message's length)"},
@@ -172,7 +175,8 @@ std::vector<Option> wireless_options(std::vector<Option> own)
         {"--mac", "MAC", "macaddr of the station (" DEVSIM_MAC ")"},
         {"--iface", "NAME", "ifi_name, up to 16 characters, no terminator needed (" DEVSIM_IFACE ")"},
         {"--cmd", "N", "hdr.cmd of the event (the command's own)"},
-        {"--nla-len", "N", "nla_len as given (204)"},
+        {"--payload", "N", "bytes of the sarnet_event sent, 0 to 200 (200)"},
+        {"--nla-len", "N", "nla_len as given (4 + payload)"},
         {"--attr-type", "N", "nla_type (0x8000, SARNET_ATTR_EVENT)"},
     };
     all.insert(all.end(), own.begin(), own.end());
