@@ -64,7 +64,7 @@ void fail_handler(struct accounting_node *node)
 
 void fail_handler_log(struct accounting_node *node, int fail_status)
 {
-    if (!debug)
+    if (!debug.load(std::memory_order_relaxed))
         return;
     struct user_accounting_info *self = node->self;
     const char *user = self->user ? self->user->user_name : "";

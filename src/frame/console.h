@@ -16,10 +16,10 @@ void console_write(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 void console_vwrite(const char *fmt, va_list ap) __attribute__((format(printf, 1, 0)));
 
 // The usual idiom: evaluates nothing while debugging is off.
-#define TRACE(...)                          \
-    do {                                    \
-        if (debug)                          \
-            console_write(__VA_ARGS__);     \
+#define TRACE(...)                                  \
+    do {                                            \
+        if (debug.load(std::memory_order_relaxed))  \
+            console_write(__VA_ARGS__);             \
     } while (0)
 
 // "%s-%s-%d: " messages carry a module name, a function name and the line.

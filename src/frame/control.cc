@@ -88,11 +88,11 @@ void ovat_event_input(accounting_event_t *rec, const void *data, size_t len)
         accounting_event_shared_secret_change(&rec->u.ip_change_event);
         break;
     case ACCOUNTING_EVENT_DEBUG_OFF:
-        debug = 0;
+        debug.store(0, std::memory_order_relaxed);
         break;
     case ACCOUNTING_EVENT_DEBUG_ON:
-        debug = 1;
-        TRACE("debug level: %d\n", debug);
+        debug.store(1, std::memory_order_relaxed);
+        TRACE("debug level: %d\n", debug.load(std::memory_order_relaxed));
         break;
     case ACCOUNTING_EVENT_DEBUG_DUMP:
         debug_print_db_info();

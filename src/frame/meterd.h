@@ -7,6 +7,8 @@
 #define METERD_FRAME_METERD_H
 
 #include <pthread.h>
+
+#include <atomic>
 #include <ctime>
 
 // Operating modes reported by the device.
@@ -23,7 +25,9 @@ enum {
 #define METERD_PID_FILE "/var/run/meterd.pid"
 
 extern int is_cloud;            // written by main before any thread exists
-extern int debug;               // console diagnostics on/off; plain int by design
+// Console diagnostics on/off. Threads read it without the lock and a late
+// view costs a trace line at most, so relaxed loads and stores suffice.
+extern std::atomic<int> debug;
 extern char global_ap_mac[32];  // device MAC text, no line feed
 extern pthread_mutex_t mutex;   // the one global lock
 

@@ -8,7 +8,7 @@
 #include <cstring>
 
 int is_cloud;
-int debug;
+std::atomic<int> debug{0};
 char global_ap_mac[32];
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 

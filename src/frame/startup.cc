@@ -36,7 +36,7 @@ const thread_entry thread_table[] = {
 int meterd_main(int argc, char **argv)
 {
     set_operating_mode(merra_wlan_get_hybridmode());
-    debug = 0;
+    debug.store(0, std::memory_order_relaxed);
     rrm_get_common_mac(global_ap_mac, sizeof global_ap_mac);
     global_ap_mac[sizeof global_ap_mac - 1] = '\0';
     trimnewline(global_ap_mac);
@@ -44,8 +44,8 @@ int meterd_main(int argc, char **argv)
     int opt;
     while ((opt = getopt(argc, argv, "d")) != -1)
         if (opt == 'd')
-            debug = 1;
-    if (debug)
+            debug.store(1, std::memory_order_relaxed);
+    if (debug.load(std::memory_order_relaxed))
         fprintf(stderr, "meterd enters debugging mode...\n");
 
     if (radius_init() == -1) {
