@@ -1,0 +1,104 @@
+#!/usr/bin/python3
+"""Cloud mode: portal profiles from their own channel and portal sessions from UAM logins and the
+driver's events, as FreeRADIUS records them. The daemon runs on a clock ten times faster."""
+import os
+import socket
+import subprocess
+import time
+
+import harness
+from harness import Meterd
+
+SECRET, SPEED = 'testing123', 10
+PORTAL_SOCK, UAM_SOCK = '/tmp/accounting_portal.sock', '/tmp/devsim/uam.sock'
+LOCAL, FOREIGN, FILTERED = '02-00-00-00-00-0a', '02-00-00-00-00-0b', '02-00-00-00-00-0c'
+
+
+def devsim(*args):
+    subprocess.run([os.path.join(harness.BUILD_DIR, 'devsim')] + [str(a) for a in args], check=True)
+
+
+def bound(path):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
+        return s.connect_ex(path) == 0
+
+
+class Cloud(harness.SystemTest):
+
+    def start_daemon(self, mode):
+        os.makedirs('/tmp/devsim', exist_ok=True)
+        with open('/tmp/devsim/hybridmode', 'w') as f:
+            f.write('%d\n' % mode)
+        return self.start(Meterd(['-d'], speed=SPEED))
+
+    def start_cloud(self):
+        """A cloud daemon whose first portal datagram configured wlan-1-1 and wlan-2-2."""
+        self.server = self.start(harness.FreeRadius(SECRET))
+        self.start_daemon(5)
+        harness._poll(lambda: bound(PORTAL_SOCK) and bound(UAM_SOCK), 5, lambda: 'cloud sockets not bound')
+        self.portal = ('portal', '--entry', 'wlan-1-1', 'host=127.0.0.1,secret=%s,interim=1' % SECRET,
+                       '--entry', 'wlan-2-2', 'host=127.0.0.1,secret=%s' % SECRET)
+        devsim(*self.portal)
+        self.assertEqual([r['Acct-Status-Type'] for r in self.server.wait_records(2)], ['Accounting-On'] * 2)
+
+    def records(self, user):
+        return [r['Acct-Status-Type'] for r in self.server.wait_records(1) if r.get('User-Name') == user]
+
+    def test_repeated_datagram_takes_each_profile_down_before_it_comes_up(self):
+        self.start_cloud()
+        devsim(*self.portal)
+        statuses = sorted(r['Acct-Status-Type'] for r in self.server.wait_records(6)[2:])
+        self.assertEqual(statuses, ['Accounting-Off'] * 2 + ['Accounting-On'] * 2)
+        self.assertRegex(self.console.text[self.mark:], r'(?s)delete_radius for wlan-1-1\.\n.*'
+                         r'Interface is: wlan-1-1\n.*delete_radius for wlan-2-2\.\n.*Interface is: wlan-2-2\n')
+
+    def test_local_and_foreign_sessions(self):
+        self.start_cloud()
+        devsim('station', 'add', '--mac', LOCAL, '--ip', '10.0.0.7', '--rx', 10, '--tx', 20)
+        # Lower case with colons is the same station; the event's own address is never used.
+        devsim('uam', '--event', 'login', '--mac', LOCAL.replace('-', ':'), '--ssid', 'Guest', '--user', 'alice')
+        start = self.server.wait_records(3)[2]
+        self.assertEqual({k: start[k] for k in ('Acct-Status-Type', 'User-Name', 'Framed-IP-Address',
+                                                'Calling-Station-Id', 'Called-Station-Id')},
+                         {'Acct-Status-Type': 'Start', 'User-Name': 'alice', 'Framed-IP-Address': '10.0.0.7',
+                          'Calling-Station-Id': LOCAL.upper(), 'Called-Station-Id': '02-00-00-00-00-01:Guest'})
+        # A logout ends no session: its Interim-Updates go on.
+        devsim('uam', '--event', 'logout', '--mac', LOCAL)
+        harness._poll(lambda: 'Interim-Update' in self.records('alice'), 15, lambda: self.records('alice'))
+        # ... until the station leaves; the logout took it off the table, so coming back opens none.
+        for event in ('disassoc', 'assoc'):
+            devsim(event, '--mac', LOCAL, '--iface', 'wlan-1-1')
+        devsim('report', '--mac', LOCAL, '--ip', '10.0.0.7')
+        # A foreign user's filters do not apply; the session opens when the station associates here.
+        devsim('uam', '--event', 'login', '--foreign', '--no-ip', '--service', '802.1x', '--mac', FOREIGN,
+               '--user', 'bob')
+        devsim('assoc', '--mac', FOREIGN, '--iface', 'wlan-1-1')
+        devsim('report', '--mac', FOREIGN, '--ip', '10.0.0.9')
+        devsim('disassoc', '--mac', FOREIGN, '--iface', 'wlan-1-1')
+        harness._poll(lambda: self.records('bob') == ['Start', 'Stop'], 5, lambda: self.records('bob'))
+        self.assertEqual([s for s in self.records('alice') if s != 'Interim-Update'], ['Start', 'Stop'])
+
+    def test_filtered_and_ignored_events_change_nothing(self):
+        self.start_cloud()
+        for extra in (['--method', 'click-through'], ['--service', '802.1x'], ['--service', 'mac-auth'],
+                      ['--no-ip'], ['--iface', 'wlan-1-3', '--ssid-profile', 'SSID1']):
+            devsim('uam', '--event', 'login', '--mac', FILTERED, '--user', 'carol', *extra)
+        devsim('uam', '--event', 'login', '--foreign', '--mac', FOREIGN, '--user', 'bob')
+        for event in ('session-timeout', 'force-logout'):
+            devsim('uam', '--event', event, '--foreign', '--mac', FOREIGN)
+        for mac in (FILTERED, FOREIGN):
+            devsim('assoc', '--mac', mac, '--iface', 'wlan-1-1')
+            devsim('report', '--mac', mac, '--ip', '10.0.0.9')
+        harness._poll(lambda: self.records('bob') == ['Start'], 5, lambda: self.records('bob'))
+        time.sleep(0.5)
+        self.assertEqual(len(self.server.wait_records(3)), 3)  # the two Accounting-On and bob's Start
+
+    def test_non_cloud_starts_neither_thread(self):
+        pid = self.start_daemon(1).proc.pid
+        time.sleep(0.5)
+        threads = len(os.listdir('/proc/%d/task' % pid))  # main and the four of every mode
+        self.assertEqual((threads, os.path.exists(PORTAL_SOCK), os.path.exists(UAM_SOCK)), (5, False, False))
+
+
+if __name__ == '__main__':
+    harness.main()
