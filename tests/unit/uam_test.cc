@@ -1,0 +1,38 @@
+// UAM events whose texts fill their fields: the UAM service terminates a text
+// only when it fits, which devsim cannot send.
+#include <cstring>
+#include <string>
+
+#include "database/accounting_db_api.h"
+#include "events/uam_events.h"
+#include "frame/meterd.h"
+#include "test_support.h"
+
+namespace {
+
+using Uam = DbTest;
+
+TEST_F(Uam, TextsWithoutTerminatorAreReadWithinTheirFields)
+{
+    is_cloud = 1;
+    init_meterd_db();
+    struct uam_event e;
+    memset(&e, 'A', sizeof e);
+    e.event = UAM_EVENT_USER_LOGIN;
+    e.ip = 0;
+    e.usr_from = 0;  // local: every filter reads its text, and no profile is named wlan-AAA...
+    uam_event_input(&e, sizeof e);
+    EXPECT_EQ(console(), "The login user \"" + std::string(64, 'A') + "\" doesn't need to do accounting.\n");
+
+    e.usr_from = USR_FROM_FOREIGN;
+    uam_event_input(&e, sizeof e + 8);  // a longer datagram is cut
+    ASSERT_FALSE(list_empty(&mac_hash_table[0].head));  // no MAC text: bucket 0
+    auto *u = list_entry(mac_hash_table[0].head.next, struct user_entry, user_list);
+    EXPECT_EQ(std::string(u->username) + u->ssid_name + u->ssid_profile_name, std::string(3 * 63, 'A'));
+    EXPECT_STREQ(u->sta_mac, "");
+    portal_user_remove("", u->ssid_profile_name);
+    EXPECT_TRUE(list_empty(&mac_hash_table[0].head));
+    is_cloud = 0;
+}
+
+}  // namespace
