@@ -32,7 +32,7 @@ class Cloud(harness.SystemTest):
         return self.start(Meterd(['-d'], speed=SPEED))
 
     def start_cloud(self):
-        """A cloud daemon whose first portal datagram configured wlan-1-1 and wlan-2-2."""
+        # A cloud daemon whose first portal datagram configured wlan-1-1 and wlan-2-2.
         self.server = self.start(harness.FreeRadius(SECRET))
         self.start_daemon(5)
         harness._poll(lambda: bound(PORTAL_SOCK) and bound(UAM_SOCK), 5, lambda: 'cloud sockets not bound')
