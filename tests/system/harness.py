@@ -4,6 +4,7 @@
 import functools
 import hashlib
 import os
+import pathlib
 import re
 import socket
 import struct
@@ -34,14 +35,13 @@ def _sh(*argv):
 
 def read_file(path):
     try:
-        with open(path, 'rb') as f:
-            return f.read().decode('latin-1')
+        return pathlib.Path(path).read_bytes().decode('latin-1')
     except FileNotFoundError:
         return ''
 
 
 def _poll(found, timeout, failure):
-    """Returns the first true value of found(); raises failure() at the deadline."""
+    # Returns the first true value of found(); raises failure() at the deadline.
     deadline = time.monotonic() + timeout
     while not (value := found()):
         if time.monotonic() > deadline:
@@ -51,7 +51,7 @@ def _poll(found, timeout, failure):
 
 
 def _spawn(owner, argv, log, ready, **popen):
-    """Starts argv as owner.proc, its stderr into the file `log`; waits for ready(), failing if it ends."""
+    # Starts argv as owner.proc, its stderr into the file `log`; waits for ready(), failing if it ends.
     # Set at once, so that owner.stop() finds it even if it never comes up.
     with open(log, 'wb') as f:
         owner.proc = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=f, **popen)
@@ -61,8 +61,8 @@ def _spawn(owner, argv, log, ready, **popen):
 
 
 def _tmpfs(path):
-    """Mounts an empty tmpfs on path. A checkout below it (CI may clone into /tmp)
-    would vanish with it, so the build folder is bound back in at its own path."""
+    # Mounts an empty tmpfs on path. A checkout below it (CI may clone into /tmp)
+    # would vanish with it, so the build folder is bound back in at its own path.
     _sh('mount', '-t', 'tmpfs', 'tmpfs', path)
     if (BUILD_DIR + '/').startswith(path.rstrip('/') + '/'):
         os.makedirs(BUILD_DIR)
@@ -70,15 +70,22 @@ def _tmpfs(path):
         _sh('mount', '--no-canonicalize', '--bind', '/proc/%d/fd/%d' % (os.getpid(), BUILD_FD), BUILD_DIR)
 
 
+def _bound(path):
+    # connect() on a datagram socket sends nothing: it only proves that
+    # someone is bound there, which a stale socket file does not.
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
+        return s.connect_ex(path) == 0
+
+
 def fresh_dirs():
-    """Mounts empty /tmp and /var/run over whatever is there; returns the undo."""
+    # Mounts empty /tmp and /var/run over whatever is there; returns the undo.
     for path in ('/tmp', '/var/run'):
         _tmpfs(path)
     return lambda: [_sh('umount', '-l', path) for path in ('/var/run', '/tmp')]
 
 
 class Console:
-    """Sets the namespace up (loopback up, /dev/console a FIFO) and collects what the console shows."""
+    # Sets the namespace up (loopback up, /dev/console a FIFO) and collects what the console shows.
 
     def __init__(self):
         _tmpfs('/tmp')
@@ -94,7 +101,7 @@ class Console:
             self.text += os.read(self._fd, 65536).decode('latin-1')
 
     def wait_for(self, text, since=0, count=1):
-        """Waits for `count` times `text` in `self.text[since:]`; returns the end of the last."""
+        # Waits for `count` times `text` in `self.text[since:]`; returns the end of the last.
         ends = lambda: [since + m.end() for m in re.finditer(re.escape(text), self.text[since:])][count - 1:]
         return _poll(ends, 5, lambda: 'console lacks %r; got:\n%s' % (text, self.text[since:]))[0]
 
@@ -103,20 +110,20 @@ console = functools.cache(Console)  # the namespace is set up once
 
 
 def event(event_id, *fields):
-    """A 416-byte control datagram: little-endian id, each text field in 64 bytes, zero-padded."""
+    # A 416-byte control datagram: little-endian id, each text field in 64 bytes, zero-padded.
     payload = b''.join(struct.pack('64s', f.encode()) if isinstance(f, str) else f for f in fields)
     return (struct.pack('<q', event_id) + payload).ljust(416, b'\0')
 
 
 def ev_init(interface, host, port, secret, backup_host='', backup_port=0, backup_secret=''):
-    """A profile without NAS address or identifier and without interim updates."""
+    # A profile without NAS address or identifier and without interim updates.
     return event(EV_INIT, struct.pack('<64s64si64si65s65s', interface.encode(), host.encode(), port,
                                       backup_host.encode(), backup_port, secret.encode(),
                                       backup_secret.encode()))
 
 
 class Meterd:
-    """One daemon process, optionally on a clock `speed` times faster."""
+    # One daemon process, optionally on a clock `speed` times faster.
 
     def __init__(self, args=(), speed=None):
         self.args, self.speed, self.proc = list(args), speed, None
@@ -127,16 +134,9 @@ class Meterd:
         if self.speed:
             env.update(LD_PRELOAD=FAKETIME_LIB, FAKETIME='+0 x%g' % self.speed, FAKETIME_DONT_RESET='1')
         _spawn(self, [os.path.join(BUILD_DIR, 'meterd')] + self.args, STDERR_FILE,
-               lambda: os.path.exists(PID_FILE) and self._control_bound(), env=env)
+               lambda: os.path.exists(PID_FILE) and _bound(CONTROL_SOCK), env=env)
         if self.speed:
             assert FAKETIME_LIB in read_file('/proc/%d/maps' % self.proc.pid), 'libfaketime was not preloaded'
-
-    @staticmethod
-    def _control_bound():
-        # connect() on a datagram socket sends nothing: it only proves that
-        # someone is bound there, which a stale socket file does not.
-        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
-            return s.connect_ex(CONTROL_SOCK) == 0
 
     def stderr(self):
         return read_file(STDERR_FILE)
@@ -146,7 +146,7 @@ class Meterd:
             s.sendto(data, CONTROL_SOCK)
 
     def dump(self):
-        """Asks for a dump and returns its text once the file has settled."""
+        # Asks for a dump and returns its text once the file has settled.
         if os.path.exists(DUMP_FILE):
             os.unlink(DUMP_FILE)
         self.send(event(EV_DUMP))
@@ -158,7 +158,7 @@ class Meterd:
         return _poll(settled, 5, lambda: 'no complete dump; last read: %r' % reads[-1])
 
     def stop(self):
-        """Kills the daemon (it has no clean exit), failing if it died early or a sanitizer spoke."""
+        # Kills the daemon (it has no clean exit), failing if it died early or a sanitizer spoke.
         if self.proc is None:
             return
         died = self.proc.poll()
@@ -179,8 +179,7 @@ class Peer(threading.Thread):
 
     def __init__(self, secret, ip='127.0.0.1', port=0, plan=(), default=5):
         super().__init__(daemon=True)
-        self.secret, self.plan, self.default, self.received = secret, list(plan), default, []
-        self.held = None
+        self.secret, self.plan, self.default, self.received, self.held = secret, list(plan), default, [], None
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.sock.bind((ip, port))
         self.ip, self.port = self.sock.getsockname()
@@ -204,7 +203,7 @@ class Peer(threading.Thread):
                     self.sock.sendto(head + hashlib.md5(head + data[4:20] + secret.encode()).digest(), source)
 
     def wait(self, n, timeout=5.0):
-        """Waits for `n` datagrams; returns all, each checked (by pyrad) to be signed with our secret."""
+        # Waits for `n` datagrams; returns all, each checked (by pyrad) to be signed with our secret.
         from pyrad import dictionary, packet
         _poll(lambda: len(self.received) >= n, timeout,
               lambda: 'peer on port %d got %d datagrams, wanted %d' % (self.port, len(self.received), n))
@@ -218,21 +217,13 @@ class Peer(threading.Thread):
         self.sock.close()
 
 
+# Items of a section may share a line, separated by commas; a module named
+# in a processing section needs a line of its own.
 _RADIUSD_CONF = '''
-client meterd {{
-	ipaddr = 127.0.0.1
-	secret = {secret}
-}}
-modules {{
-	detail {{
-		filename = {dir}/detail
-	}}
-}}
+client meterd {{ ipaddr = 127.0.0.1, secret = {secret} }}
+modules {{ detail {{ filename = {dir}/detail }} }}
 server default {{
-	listen {{
-		type = acct
-		ipaddr = 127.0.0.1
-	}}
+	listen {{ type = acct, ipaddr = 127.0.0.1 }}
 	accounting {{
 		detail
 	}}
@@ -241,7 +232,7 @@ server default {{
 
 
 class FreeRadius:
-    """FreeRADIUS on 127.0.0.1:1813: one client, every request accepted into a detail file."""
+    # FreeRADIUS on 127.0.0.1:1813: one client, every request accepted into a detail file.
 
     def __init__(self, secret):
         self.secret, self.dir = secret, '/tmp/freeradius'
@@ -259,7 +250,7 @@ class FreeRadius:
         self.proc.wait(10)
 
     def wait_records(self, n):
-        """Waits for `n` detail records; returns all as {attribute: value} without Timestamp."""
+        # Waits for `n` detail records; returns all as {attribute: value} without Timestamp.
         def records():
             blocks = read_file(self.dir + '/detail').split('\n\n')[:-1]  # the last one may be unfinished
             recs = [dict(re.findall(r'^\t(?!Timestamp)(\S+) = "?(.*?)"?$', b, re.M)) for b in blocks]
@@ -268,7 +259,7 @@ class FreeRadius:
 
 
 class SystemTest(unittest.TestCase):
-    """Gives each test a fresh /tmp and /var/run and tears down whatever it started."""
+    # Gives each test a fresh /tmp and /var/run and tears down whatever it started.
 
     def setUp(self):
         self.console = console()
@@ -276,7 +267,7 @@ class SystemTest(unittest.TestCase):
         self.mark = len(self.console.text)
 
     def start(self, thing):
-        """Starts a Meterd, Peer or FreeRadius, to be stopped after the test; returns it."""
+        # Starts a Meterd, Peer or FreeRadius, to be stopped after the test; returns it.
         self.addCleanup(thing.stop)
         thing.start()
         return thing
@@ -286,7 +277,7 @@ class SystemTest(unittest.TestCase):
 
 
 def enter_namespace():
-    """Re-executes the calling script under unshare unless already inside."""
+    # Re-executes the calling script under unshare unless already inside.
     if os.environ.get('METERD_NS') != '1':
         os.execvpe('unshare', ['unshare', '--mount', '--net', '--propagation', 'private', '--',
                                '/usr/bin/python3', os.path.abspath(sys.argv[0])] + sys.argv[1:],

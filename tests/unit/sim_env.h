@@ -21,26 +21,22 @@ public:
         dir_ = mkdtemp(tmpl) ? tmpl : "/nonexistent";
         sim_root = dir_;
         setenv("METERD_SIM_ROOT", dir_.c_str(), 1);
-        // METERD_BUILD_DIR, else the build tree of <build>/tests/unit/unit_tests.
-        const char *build = getenv("METERD_BUILD_DIR");
-        std::error_code ec;
-        auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-        use_path(build ? build : exe.parent_path().parent_path().parent_path().string());
+        // This binary is <build>/tests/unit/unit_tests; `ovat` is <build>/ovat.
+        use_path(std::filesystem::canonical("/proc/self/exe").parent_path().parent_path().parent_path());
     }
     ~SimDevice()
     {
         sim_root = old_root_;
         unsetenv("METERD_SIM_ROOT");
         setenv("PATH", old_path_.c_str(), 1);
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
+        std::filesystem::remove_all(dir_);
     }
     const std::string &dir() const { return dir_; }
     void write(const std::string &name, const std::string &text) { std::ofstream(dir_ + "/" + name) << text; }
-    // Puts a shell script in front of the simulated `ovat`, to shape its output.
+    // Puts a shell script in front of the built `ovat`, to shape its output.
     void fake_ovat(const std::string &body)
     {
-        mkdir((dir_ + "/bin").c_str(), 0755);
+        std::filesystem::create_directory(dir_ + "/bin");
         write("bin/ovat", "#!/bin/sh\n" + body + "\n");
         chmod((dir_ + "/bin/ovat").c_str(), 0755);
         use_path(dir_ + "/bin");

@@ -32,16 +32,12 @@ protected:
     // A configured profile with a primary (and a backup if given).
     static struct accounting_radius *make_profile(const char *iface, const char *primary,
                                                   const char *secret, const char *backup = "",
-                                                  const char *backup_secret = "",
-                                                  int type = 0);
+                                                  const char *backup_secret = "", int type = 0);
     // A login record for a station.
-    static accounting_msg_t login(const char *user, const char *mac, const char *iface,
-                                  int interim = 0);
-    // Console lines written since the test began (debug is on in these tests).
-    std::string console();
-
-private:
-    std::string console_dir_;
+    static accounting_msg_t login(const char *user, const char *mac, const char *iface, int interim = 0);
+    // The last console message: debugging is on, and the console is a
+    // file that each message opens anew and so overwrites.
+    static std::string console();
 };
 
 // Frees every node, profile, scheduler entry and interim queue still held.
