@@ -2,7 +2,8 @@
 // Request and Response Authenticators. They touch only their arguments.
 #include <arpa/inet.h>
 
-#include <cassert>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "radius/md5.h"
@@ -26,13 +27,22 @@ inline void grow(AUTH_HDR *p, size_t by)
     p->length = htons(static_cast<u_short>(packet_length(p) + by));
 }
 
-// Offset at which an attribute of `total` bytes would be written. Running
-// out of the buffer is a composition bug, never an input.
+// Running out of the buffer is a composition bug, never an input, and the
+// bytes behind the buffer belong to the heap: stop there in every build,
+// release builds included, rather than write one byte past it.
+#define PACKET_CHECK(cond) ((cond) ? (void)0 : packet_overflow(#cond, __func__))
+
+[[noreturn]] void packet_overflow(const char *cond, const char *func)
+{
+    fprintf(stderr, "%s: packet buffer overflow (%s)\n", func, cond);
+    abort();
+}
+
+// Offset at which an attribute of `total` bytes would be written.
 size_t append_position(const AUTH_HDR *p, size_t total)
 {
     size_t at = packet_length(p);
-    (void)total;
-    assert(at >= RADIUS_HDR_LEN && at + total <= RADIUS_BUF_LEN);
+    PACKET_CHECK(at >= RADIUS_HDR_LEN && at + total <= RADIUS_BUF_LEN);
     return at;
 }
 
@@ -40,7 +50,7 @@ size_t append_position(const AUTH_HDR *p, size_t total)
 
 void radius_msg_add_attr(AUTH_HDR *request, uint8_t type, const unsigned char *data, size_t length)
 {
-    assert(length <= RADIUS_ATTR_MAX_VALUE);
+    PACKET_CHECK(length <= RADIUS_ATTR_MAX_VALUE);
     size_t at = append_position(request, length + 2);
     unsigned char *pos = packet_bytes(request) + at;
     pos[0] = type;
@@ -61,7 +71,7 @@ void radius_msg_add_attr_int32(AUTH_HDR *request, unsigned char type, int data)
 void radius_msg_add_vendor_attr(AUTH_HDR *request, unsigned int vendor, uint8_t subtype,
                                 const unsigned char *data, size_t length)
 {
-    assert(length <= RADIUS_ATTR_MAX_VALUE);
+    PACKET_CHECK(length <= RADIUS_ATTR_MAX_VALUE);
     size_t at = append_position(request, length + 8);
     unsigned char *pos = packet_bytes(request) + at;
     pos[0] = RADIUS_ATTR_VENDOR_SPECIFIC;
@@ -122,7 +132,7 @@ void get_accounting_vector(AUTH_HDR *request, const char *secret)
     pra_MD5Init(&ctx);
     // The secret is hashed right behind the packet, so it is copied there;
     // it stays in the buffer but outside `length`, and is never sent.
-    assert(len <= RADIUS_BUF_LEN && RADIUS_BUF_LEN - len >= secret_len);
+    PACKET_CHECK(len <= RADIUS_BUF_LEN && RADIUS_BUF_LEN - len >= secret_len);
     memcpy(packet_bytes(request) + len, secret, secret_len);
     pra_MD5Update(&ctx, packet_bytes(request), static_cast<unsigned int>(len + secret_len));
     pra_MD5Final(request->vector, &ctx);
