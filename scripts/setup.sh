@@ -9,6 +9,7 @@ packages=(
   build-essential binutils cmake g++ clang-14 clang libclang-rt-14-dev libgtest-dev googletest
   freeradius freeradius-utils python3 python3-pyrad faketime iproute2 util-linux mount
 )
+packages+=("$@")  # what a caller needs beyond these, e.g. scripts/cross-test.sh
 
 # The tests resolve "localhost" as a server name. A root made by debootstrap
 # has no /etc/hosts, and the test namespaces have no DNS.

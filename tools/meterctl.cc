@@ -239,7 +239,7 @@ int request_dump(const accounting_event_t *ev)
             struct inotify_event e;
             memcpy(&e, buf + at, sizeof e);
             at += static_cast<ssize_t>(sizeof e);
-            if (e.len > n - at)
+            if (e.len > static_cast<size_t>(n - at))
                 break;
             if (strnlen(buf + at, e.len) == strlen(name) && memcmp(buf + at, name, strlen(name)) == 0) {
                 status = 0;
