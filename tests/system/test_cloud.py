@@ -2,7 +2,6 @@
 """Cloud mode: portal profiles from their own channel and portal sessions from UAM logins and the
 driver's events, as FreeRADIUS records them. The daemon runs on a clock ten times faster."""
 import os
-import socket
 import subprocess
 import time
 
@@ -18,11 +17,6 @@ def devsim(*args):
     subprocess.run([os.path.join(harness.BUILD_DIR, 'devsim')] + [str(a) for a in args], check=True)
 
 
-def bound(path):
-    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
-        return s.connect_ex(path) == 0
-
-
 class Cloud(harness.SystemTest):
 
     def start_daemon(self, mode):
@@ -35,7 +29,8 @@ class Cloud(harness.SystemTest):
         # A cloud daemon whose first portal datagram configured wlan-1-1 and wlan-2-2.
         self.server = self.start(harness.FreeRadius(SECRET))
         self.start_daemon(5)
-        harness._poll(lambda: bound(PORTAL_SOCK) and bound(UAM_SOCK), 5, lambda: 'cloud sockets not bound')
+        harness._poll(lambda: harness._bound(PORTAL_SOCK) and harness._bound(UAM_SOCK), 5,
+                      lambda: 'cloud sockets not bound')
         self.portal = ('portal', '--entry', 'wlan-1-1', 'host=127.0.0.1,secret=%s,interim=1' % SECRET,
                        '--entry', 'wlan-2-2', 'host=127.0.0.1,secret=%s' % SECRET)
         devsim(*self.portal)
