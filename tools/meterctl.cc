@@ -285,7 +285,7 @@ void cut_line_end(char *s)
 struct queue_names {
     enum { MAX = 64 };
     char address[MAX][32];
-    char name[MAX][48];
+    char name[MAX][64];
     int count;
 
     void add(const char *addr, const char *text)
@@ -316,7 +316,11 @@ bool queue_head(const char *line, char *addr, char *name, size_t name_size, cons
         snprintf(name, name_size, "fail queue");
         *due = "failed; sent again at the next pass";
     } else if (sscanf(line, "interim queue: %31[^(](interval: %d)", addr, &interval) == 2) {
-        snprintf(name, name_size, "interim queue, every %ds", interval);
+        // Key 0 holds the sessions whose interval came with their login.
+        if (interval == 0)
+            snprintf(name, name_size, "interim queue, each session its own interval");
+        else
+            snprintf(name, name_size, "interim queue, every %ds", interval);
         *due = "next update";
     } else {
         return false;
@@ -353,7 +357,7 @@ void print_view(FILE *f, time_t now)
 {
     queue_names names;
     names.count = 0;
-    char line[512], addr[32], name[48];
+    char line[512], addr[32], name[64];
     const char *due;
     while (fgets(line, sizeof line, f))
         if (queue_head(line, addr, name, sizeof name, &due))
@@ -389,7 +393,7 @@ void print_view(FILE *f, time_t now)
             print_node(line, now);
         } else if (strcmp(line, "radius:") == 0) {
             printf("portal profiles\n");
-        } else if (sscanf(line, "interface: %47[^,], interim: %d", name, &interim) == 2) {
+        } else if (sscanf(line, "interface: %63[^,], interim: %d", name, &interim) == 2) {
             printf("  %-12s interim every %ds\n", name, interim);
         } else {
             printf("%s\n", line);
