@@ -30,7 +30,7 @@ const char kUsage[] =
     "  remove      send a profile's Accounting-Off and remove it\n"
     "  ac-address  move the profiles of one primary server to a new address\n"
     "  ac-secret   give the profiles of one primary server a new shared secret\n"
-    "  exit        send every profile's Accounting-Off (meterd keeps running)\n"
+    "  exit        send the Accounting-Off of every profile (meterd keeps running)\n"
     "  debug       turn console diagnostics on or off\n"
     "  dump        show the scheduler and the delivery queues\n"
     "\n"
@@ -170,8 +170,9 @@ const command kCommands[] = {
      build_ac_secret},
     {"exit", 0, 0, "usage: meterctl exit\n"
      "\n"
-     "Sends one Accounting-Off for every profile, without retries, as a device does\n"
-     "before it goes down. meterd keeps running and the profiles stay configured.\n",
+     "Sends one Accounting-Off for every profile configured with add, without\n"
+     "retries, as a device does before it goes down. meterd keeps running and the\n"
+     "profiles stay configured.\n",
      build_exit},
     {"debug", 1, 1, "usage: meterctl debug on|off\n"
      "\n"
