@@ -27,6 +27,6 @@ if [ ! -f "$gtest/lib/cmake/GTest/GTestConfig.cmake" ]; then
 fi
 
 cmake -S . -B "$dir" -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DCMAKE_BUILD_TYPE=Debug \
-  -DMETERD_SANITIZE=OFF -DGTest_DIR="$gtest/lib/cmake/GTest"
+  -DMETERD_PLATFORM=sim -DMETERD_TESTS=ON -DMETERD_SANITIZE=OFF -DGTest_DIR="$gtest/lib/cmake/GTest"
 cmake --build "$dir" -j2 --target meterd meterctl ovat unit_tests
 ctest --test-dir "$dir" -L unit --output-on-failure -j2
