@@ -1,4 +1,5 @@
 // The RADIUS profile store: one profile per WLAN interface and family.
+#include <climits>
 #include <cstdio>
 #include <cstring>
 
@@ -69,7 +70,12 @@ int update_radius_profile(struct accounting_radius *radius,
     radius->time_out = RADIUS_TIME_OUT;
     radius->retry_count = RADIUS_RETRY_COUNT;
     if (type == PROFILE_TYPE_PORTAL) {
-        radius->acc_interim = radius_profile->acct_interim * 60;
+        // Minutes beyond what an int holds in seconds mean "as seldom as
+        // can be", not a wrapped interval that could fall due at every tick.
+        long long seconds = radius_profile->acct_interim * 60LL;
+        radius->acc_interim = static_cast<int>(seconds > INT_MAX   ? INT_MAX
+                                               : seconds < INT_MIN ? INT_MIN
+                                                                   : seconds);
         copy_field(radius->nas_id, sizeof radius->nas_id, radius_profile->nas_id,
                    sizeof radius_profile->nas_id);
         radius->nas_ip = radius_profile->nas_ip;
