@@ -1,0 +1,432 @@
+// Running out of memory on every path that allocates: the 1st, 2nd, ...
+// allocation of the path fails in turn, until it runs without a failure.
+// Each time the stderr message, the console and the state afterwards must be
+// what the design gives, and once all is freed nothing may have leaked.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <regex>
+
+#include "database/accounting_db_api.h"
+#include "delivery/scheduler.h"
+#include "events/driver_events.h"
+#include "events/portal_events.h"
+#include "events/station_events.h"
+#include "events/uam_events.h"
+#include "frame/console.h"
+#include "frame/control.h"
+#include "frame/memory.h"
+#include "radius/md5.h"
+#include "radius/radius_send_recieve.h"
+#include "sim_env.h"
+#include "test_support.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define METERD_LSAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define METERD_LSAN 1
+#endif
+#endif
+#ifdef METERD_LSAN
+#include <sanitizer/common_interface_defs.h>
+#include <sanitizer/lsan_interface.h>
+#endif
+
+namespace {
+
+// A pipe that takes the place of stderr or of the console while a path runs.
+class Pipe {
+public:
+    Pipe() { EXPECT_EQ(pipe2(fds_, O_NONBLOCK), 0); }
+    ~Pipe()
+    {
+        close(fds_[0]);
+        close(fds_[1]);
+    }
+    int fd() const { return fds_[1]; }
+    std::string path() const { return "/proc/self/fd/" + std::to_string(fds_[1]); }
+    std::string drain()
+    {
+        std::string text;
+        char buf[4096];
+        for (ssize_t n; (n = read(fds_[0], buf, sizeof buf)) > 0;)
+            text.append(buf, static_cast<size_t>(n));
+        return text;
+    }
+
+private:
+    int fds_[2];
+};
+
+const char NOMEM[] = "insufficient memory\n";
+const char SERVER_NOMEM[] = "accounting_db_api-update_radius_profile-[0-9]+: insufficient memory\n";
+const char NOPACKET[] = "alloc failed in accounting_msg()";
+
+struct Outcome {
+    const char *err;      // all of stderr, as a regular expression
+    const char *console;  // a text the console shows, "" for any
+    const char *state;    // see state()
+};
+
+struct Path {
+    const char *name;
+    void (*setup)();
+    void (*run)();
+    std::vector<Outcome> outcomes;  // the last one for the run in which nothing failed
+};
+
+size_t sent_before;  // datagrams sent before the path ran
+
+// Profiles normal/portal, nodes on the request queue, interim nodes/queues, sessions waiting for an address, portal users, datagrams
+// sent by the path, scheduler entries.
+std::string state()
+{
+    size_t interim = 0, users = 0;
+    for (list_head *p = total_interim_queue_header.next; p != &total_interim_queue_header; p = p->next)
+        interim += list_length(&reinterpret_cast<interim_queue *>(p)->interim_queue_header);
+    for (const hash_table &b : mac_hash_table)
+        users += list_length(&b.head);
+    char text[128];
+    snprintf(text, sizeof text, "P%zu/%zu R%zu I%zu/%zu W%zu U%zu S%zu E%zu",
+             list_length(&total_radius_server_header), list_length(&portal_radius_server_header),
+             list_length(&request_queue_header), interim,
+             list_length(&total_interim_queue_header), list_length(&ip_change_header), users,
+             testenv::sent.size() - sent_before, list_length(&event_header));
+    return text;
+}
+
+void free_users()
+{
+    for (hash_table &b : mac_hash_table) {
+        while (!list_empty(&b.head)) {
+            list_head *e = b.head.next;
+            list_del(e);
+            mtr_free(list_entry(e, user_entry, user_list));
+        }
+    }
+}
+
+// True when the path made fewer than n allocations, so that the failure set
+// for the nth is still pending: then it falls on one of n probes.
+bool still_pending(unsigned long n)
+{
+    bool hit = false;
+    for (unsigned long i = 0; i < n && !hit; i++) {
+        void *p = mtr_malloc(1);
+        hit = !p;
+        mtr_free(p);
+    }
+    mtr_alloc_fail_at(0);
+    return hit;
+}
+
+ovat_config_event config()
+{
+    ovat_config_event c{};
+    copy_text(c.hostname, sizeof c.hostname, "127.0.0.1");
+    copy_text(c.secret, sizeof c.secret, "k");
+    copy_text(c.backup_hostname, sizeof c.backup_hostname, "127.0.0.2");
+    copy_text(c.backup_secret, sizeof c.backup_secret, "b");
+    c.port = c.backup_port = 1813;
+    return c;
+}
+
+void control(int64_t id, const char *iface = "")
+{
+    accounting_event_t ev{}, rec{};
+    ev.event_id = id;
+    ev.u.radius_profile = config();
+    copy_text(ev.u.radius_profile.interface, sizeof ev.u.radius_profile.interface, iface);
+    ovat_event_input(&rec, &ev, sizeof ev);
+}
+
+void init() { control(ACCOUNTING_EVENT_INIT, "wlan-1-1"); }
+
+// A portal profile for wlan-1-1 (cloud mode), as the portal channel gives it.
+void portal()
+{
+    static portal_event_t rec;
+    portal_event_t p{};
+    p.event_id = ACCOUNTING_EVENT_MODIFY_FOR_PORTAL;
+    p.for_portal_profile[0][0] = config();
+    portal_event_input(&rec, &p, sizeof p);
+}
+
+void login()
+{
+    accounting_msg_t m{};
+    copy_text(m.user_name, sizeof m.user_name, "alice");
+    copy_text(m.calling_station_id, sizeof m.calling_station_id, "02:00:00:00:00:01");
+    copy_text(m.interface, sizeof m.interface, "wlan-1-1");
+    m.interim_interval = 60;
+    pthread_mutex_lock(&mutex);
+    station_login_input(&m, sizeof m);
+    pthread_mutex_unlock(&mutex);
+}
+
+void report()
+{
+    staStatus_t s{};
+    s.mac[0] = 2;
+    s.mac[5] = 1;
+    pthread_mutex_lock(&mutex);
+    station_report_input(&s, sizeof s);
+    pthread_mutex_unlock(&mutex);
+}
+
+void driver(uint16_t cmd)
+{
+    unsigned char m[SARNET_ATTR_OFFSET + sizeof(nlattr) + sizeof(sarnet_event)] = {};
+    nlmsghdr h{sizeof m, SARNETM_WIRELESS_EVENT, 0, 0, 0};
+    nlattr a{sizeof(nlattr) + sizeof(sarnet_event), SARNET_ATTR_EVENT};
+    sarnet_event ev{};
+    ev.hdr.cmd = cmd;
+    ev.data.u.sta.macaddr[0] = 2;
+    ev.data.u.sta.macaddr[5] = 1;
+    memcpy(m, &h, sizeof h);
+    copy_text(reinterpret_cast<char *>(m + SARNET_IFINFO_OFFSET), 16, "wlan-1-1");
+    memcpy(m + SARNET_ATTR_OFFSET, &a, sizeof a);
+    memcpy(m + SARNET_ATTR_OFFSET + sizeof a, &ev, sizeof ev);
+    pthread_mutex_lock(&mutex);
+    netlink_input(m, sizeof m);
+    pthread_mutex_unlock(&mutex);
+}
+
+// The server's verified answer to the datagram sent last.
+void answer()
+{
+    const std::vector<uint8_t> &req = testenv::sent.back().bytes;
+    AUTH_HDR r{};
+    r.code = 5;
+    r.id = req[1];
+    r.length = htons(RADIUS_HDR_LEN);
+    memcpy(r.vector, &req[4], sizeof r.vector);
+    MD5_CTX ctx;
+    pra_MD5Init(&ctx);
+    pra_MD5Update(&ctx, reinterpret_cast<unsigned char *>(&r), RADIUS_HDR_LEN);
+    pra_MD5Update(&ctx, reinterpret_cast<const unsigned char *>("k"), 1);
+    pra_MD5Final(r.vector, &ctx);
+    radius_response_input(&r);
+}
+
+void pass()
+{
+    pthread_mutex_lock(&mutex);
+    scheduler_pass(testenv::now);
+    pthread_mutex_unlock(&mutex);
+}
+
+void uam_login()
+{
+    uam_event e{};
+    e.event = UAM_EVENT_USER_LOGIN;
+    copy_text(e.real_username, sizeof e.real_username, "bob");
+    copy_text(e.ssid_vap_iface, sizeof e.ssid_vap_iface, "wlan-1-1");
+    copy_text(e.ssid_profile_name, sizeof e.ssid_profile_name, "SSID1");
+    copy_text(e.sta_mac, sizeof e.sta_mac, "02:00:00:00:00:01");
+    uam_event_input(&e, sizeof e);
+}
+
+// A started session whose Start was answered, on its interim queue.
+void answered_session()
+{
+    init();
+    answer();
+    login();
+    report();
+    answer();
+}
+
+const Path paths[] = {
+    {"control event 4, a profile and its Accounting-On",
+     [] {},
+     init,
+     {{NOMEM, "add_radius fail.", "P0/0 R0 I0/0 W0 U0 S0 E0"},
+      {SERVER_NOMEM, "update_radius_profile fail", "P1/0 R0 I0/0 W0 U0 S0 E0"},
+      {SERVER_NOMEM, "update_radius_profile fail", "P1/0 R0 I0/0 W0 U0 S0 E0"},
+      {NOMEM, "", "P1/0 R0 I0/0 W0 U0 S0 E0"},
+      {NOMEM, "", "P1/0 R0 I0/0 W0 U0 S0 E0"},
+      {"", NOPACKET, "P1/0 R1 I0/0 W0 U0 S0 E1"},
+      {"", NOMEM, "P1/0 R1 I0/0 W0 U0 S1 E0"},
+      {"", "", "P1/0 R1 I0/0 W0 U0 S1 E1"}}},
+    {"control event 2, the Accounting-Off and the removal",
+     [] { init(); login(); },
+     [] { control(ACCOUNTING_EVENT_REMOVE, "wlan-1-1"); },
+     {{NOMEM, "", "P0/0 R1 I0/0 W0 U0 S0 E1"},
+      {NOMEM, "", "P0/0 R1 I0/0 W0 U0 S0 E1"},
+      {"", NOPACKET, "P0/0 R2 I0/0 W0 U0 S0 E1"},
+      {"", "", "P0/0 R2 I0/0 W0 U0 S1 E1"}}},
+    {"control event 5, an Accounting-Off for each profile",
+     [] { init(); control(ACCOUNTING_EVENT_INIT, "wlan-1-2"); },
+     [] { control(ACCOUNTING_EVENT_EXIT); },
+     {{NOMEM, "", "P2/0 R2 I0/0 W0 U0 S1 E1"},
+      {NOMEM, "", "P2/0 R2 I0/0 W0 U0 S1 E1"},
+      {"", NOPACKET, "P2/0 R2 I0/0 W0 U0 S1 E1"},
+      {NOMEM, "", "P2/0 R2 I0/0 W0 U0 S1 E1"},
+      {NOMEM, "", "P2/0 R2 I0/0 W0 U0 S1 E1"},
+      {"", NOPACKET, "P2/0 R2 I0/0 W0 U0 S1 E1"},
+      {"", "", "P2/0 R2 I0/0 W0 U0 S2 E1"}}},
+    {"a login",
+     init,
+     login,
+     {{NOMEM, "", "P1/0 R1 I0/0 W0 U0 S0 E1"},
+      {NOMEM, "", "P1/0 R1 I0/0 W0 U0 S0 E1"},
+      {NOMEM, "", "P1/0 R1 I0/0 W0 U0 S0 E1"},
+      {"", "", "P1/0 R1 I0/0 W1 U0 S0 E1"}}},
+    {"the station report that starts a session",
+     [] { init(); answer(); login(); },
+     report,
+     {{"", NOPACKET, "P1/0 R1 I0/0 W0 U0 S0 E2"},
+      {"", NOMEM, "P1/0 R1 I0/0 W0 U0 S1 E1"},
+      {"", "", "P1/0 R1 I0/0 W0 U0 S1 E2"}}},
+    {"the disassociation that stops a session",
+     [] { init(); answer(); login(); report(); },
+     [] { driver(SARNET_CMD_STA_DISASSOC); },
+     {{"", NOPACKET, "P1/0 R1 I0/0 W0 U0 S0 E3"},
+      {"", NOMEM, "P1/0 R1 I0/0 W0 U0 S1 E2"},
+      {"", "", "P1/0 R1 I0/0 W0 U0 S1 E3"}}},
+    {"the association that opens a portal session",
+     [] { is_cloud = 1; portal(); portal_user_add("02:00:00:00:00:01", "bob", "ssid", "SSID1"); },
+     [] { driver(SARNET_CMD_STA_ASSOC); },
+     {{NOMEM, "", "P0/1 R1 I0/0 W0 U1 S0 E1"},
+      {NOMEM, "", "P0/1 R1 I0/0 W0 U1 S0 E1"},
+      {NOMEM, "", "P0/1 R1 I0/0 W0 U1 S0 E1"},
+      {"", "", "P0/1 R1 I0/0 W1 U1 S0 E1"}}},
+    {"a portal datagram that replaces a profile",
+     [] { is_cloud = 1; portal(); answer(); },
+     portal,
+     {{NOMEM, "", "P0/1 R1 I0/0 W0 U0 S1 E2"},
+      {NOMEM, "", "P0/1 R1 I0/0 W0 U0 S1 E2"},
+      {"", NOPACKET, "P0/1 R2 I0/0 W0 U0 S1 E2"},
+      {"", NOMEM, "P0/1 R2 I0/0 W0 U0 S2 E1"},
+      {NOMEM, "add_radius fail.", "P0/0 R1 I0/0 W0 U0 S1 E2"},
+      {SERVER_NOMEM, "update_radius_profile fail", "P0/1 R1 I0/0 W0 U0 S1 E2"},
+      {SERVER_NOMEM, "update_radius_profile fail", "P0/1 R1 I0/0 W0 U0 S1 E2"},
+      {NOMEM, "", "P0/1 R1 I0/0 W0 U0 S1 E2"},
+      {NOMEM, "", "P0/1 R1 I0/0 W0 U0 S1 E2"},
+      {"", NOPACKET, "P0/1 R2 I0/0 W0 U0 S1 E2"},
+      {"", "", "P0/1 R2 I0/0 W0 U0 S2 E2"}}},
+    {"a UAM login",
+     [] { is_cloud = 1; portal(); answer(); },
+     uam_login,
+     {{NOMEM, "", "P0/1 R0 I0/0 W0 U0 S0 E1"},
+      {NOMEM, "", "P0/1 R0 I0/0 W0 U1 S0 E1"},
+      {NOMEM, "", "P0/1 R0 I0/0 W0 U1 S0 E1"},
+      {NOMEM, "", "P0/1 R0 I0/0 W0 U1 S0 E1"},
+      {"", NOPACKET, "P0/1 R1 I0/0 W0 U1 S0 E2"},
+      {"", NOMEM, "P0/1 R1 I0/0 W0 U1 S1 E1"},
+      {"", "", "P0/1 R1 I0/0 W0 U1 S1 E2"}}},
+    {"the answer to a Start",
+     [] { init(); answer(); login(); report(); },
+     answer,
+     {{NOMEM, "", "P1/0 R1 I0/0 W0 U0 S0 E2"},
+      {"", NOMEM, "P1/0 R0 I1/1 W0 U0 S0 E2"},
+      {"", "", "P1/0 R0 I1/1 W0 U0 S0 E3"}}},
+    {"the answer to an Interim-Update",
+     [] { answered_session(); testenv::now += 60; pass(); },
+     answer,
+     {{"", NOMEM, "P1/0 R0 I1/1 W0 U0 S0 E1"},
+      {"", "", "P1/0 R0 I1/1 W0 U0 S0 E2"}}},
+    {"the answer to a Stop",
+     [] { answered_session(); driver(SARNET_CMD_STA_DISASSOC); },
+     answer,
+     {{"", "", "P1/0 R0 I0/1 W0 U0 S0 E4"}}},
+    {"the answer to an Accounting-On",
+     init,
+     answer,
+     {{"", "", "P1/0 R0 I0/0 W0 U0 S0 E1"}}},
+    {"the answer to an Accounting-Off",
+     [] { init(); control(ACCOUNTING_EVENT_REMOVE, "wlan-1-1"); },
+     answer,
+     {{NOMEM, "", "P0/0 R0 I0/0 W0 U0 S0 E1"},
+      {"", "", "P0/0 R0 I0/1 W0 U0 S0 E1"}}},
+    {"a scheduler pass that sends an Interim-Update",
+     [] { answered_session(); testenv::now += 60; },
+     pass,
+     {{"", NOPACKET, "P1/0 R1 I0/1 W0 U0 S0 E1"},
+      {"", NOMEM, "P1/0 R1 I0/1 W0 U0 S1 E0"},
+      {"", "", "P1/0 R1 I0/1 W0 U0 S1 E1"}}},
+};
+
+}  // namespace
+
+class AllocFail : public DbTest {
+protected:
+    void SetUp() override
+    {
+        DbTest::SetUp();
+        is_cloud = 1;
+        init_meterd_db();  // the portal user table, empty
+        is_cloud = 0;
+    }
+    void TearDown() override
+    {
+        free_users();
+        is_cloud = 0;
+        DbTest::TearDown();
+    }
+
+    struct Seen {
+        bool failed;  // the nth allocation came, and failed
+        std::string err, console, state;
+    };
+
+    // The path from its own start, with its nth allocation failing.
+    static Seen run_failing(const Path &path, unsigned long n)
+    {
+        reset_database();
+        free_users();
+        is_cloud = 0;
+        testenv::now = 1000000;
+        testenv::sent.clear();
+        path.setup();
+        sent_before = testenv::sent.size();
+
+        Pipe err, con;
+        const std::string con_path = con.path();
+        const char *saved_console = console_path;
+        console_path = con_path.c_str();
+        int saved_err = dup(STDERR_FILENO);
+        dup2(err.fd(), STDERR_FILENO);
+#ifdef METERD_LSAN
+        // A sanitizer report must not vanish into the pipe.
+        __sanitizer_set_report_fd(reinterpret_cast<void *>(static_cast<intptr_t>(saved_err)));
+#endif
+        mtr_alloc_fail_at(n);
+        path.run();
+        bool failed = !still_pending(n);
+        dup2(saved_err, STDERR_FILENO);
+#ifdef METERD_LSAN
+        __sanitizer_set_report_fd(reinterpret_cast<void *>(static_cast<intptr_t>(STDERR_FILENO)));
+#endif
+        close(saved_err);
+        console_path = saved_console;
+        return {failed, err.drain(), con.drain(), state()};
+    }
+};
+
+TEST_F(AllocFail, EveryAllocationOfEveryPath)
+{
+    SimDevice dev;  // station look-ups that find nothing, quietly
+    for (const Path &path : paths) {
+        SCOPED_TRACE(path.name);
+        for (unsigned long n = 1; n <= path.outcomes.size(); n++) {
+            SCOPED_TRACE("allocation " + std::to_string(n));
+            Seen got = run_failing(path, n);
+            const Outcome &want = path.outcomes[n - 1];
+            EXPECT_EQ(got.failed, n < path.outcomes.size());
+            EXPECT_TRUE(std::regex_match(got.err, std::regex(want.err))) << got.err;
+            EXPECT_NE(got.console.find(want.console), std::string::npos) << got.console;
+            EXPECT_EQ(got.state, want.state);
+            if (!got.failed)
+                break;
+        }
+        reset_database();
+        free_users();
+#ifdef METERD_LSAN
+        EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
+#endif
+    }
+}
