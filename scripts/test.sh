@@ -35,6 +35,16 @@ cmake -S . -B build-clang -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++
 cmake --build build-clang -j2
 ctest --test-dir build-clang -L unit --output-on-failure -j2
 
+# Short runs of every fuzz target, and of the daemon under ThreadSanitizer
+# with all its threads busy, so that a regression shows at once. The long
+# runs are local (README, Hardening).
+cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ -DMETERD_FUZZ=ON -DMETERD_TESTS=OFF
+cmake --build build-fuzz -j2
+fuzz/run 10
+cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ -DMETERD_TSAN=ON -DMETERD_TESTS=OFF
+cmake --build build-tsan -j2 --target meterd ovat devsim
+METERD_BUILD_DIR=build-tsan METERD_LOAD_SECONDS=30 /usr/bin/python3 tests/system/tsan_load.py
+
 # Big-endian 32-bit MIPS and 64-bit ARM: the unit tests under qemu-user.
 bash scripts/cross-test.sh mips
 bash scripts/cross-test.sh aarch64
