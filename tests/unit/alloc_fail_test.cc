@@ -17,7 +17,6 @@
 #include "frame/console.h"
 #include "frame/control.h"
 #include "frame/memory.h"
-#include "radius/md5.h"
 #include "radius/radius_send_recieve.h"
 #include "sim_env.h"
 #include "test_support.h"
@@ -178,38 +177,14 @@ void report()
 
 void driver(uint16_t cmd)
 {
-    unsigned char m[SARNET_ATTR_OFFSET + sizeof(nlattr) + sizeof(sarnet_event)] = {};
-    nlmsghdr h{sizeof m, SARNETM_WIRELESS_EVENT, 0, 0, 0};
-    nlattr a{sizeof(nlattr) + sizeof(sarnet_event), SARNET_ATTR_EVENT};
-    sarnet_event ev{};
-    ev.hdr.cmd = cmd;
-    ev.data.u.sta.macaddr[0] = 2;
-    ev.data.u.sta.macaddr[5] = 1;
-    memcpy(m, &h, sizeof h);
-    copy_text(reinterpret_cast<char *>(m + SARNET_IFINFO_OFFSET), 16, "wlan-1-1");
-    memcpy(m + SARNET_ATTR_OFFSET, &a, sizeof a);
-    memcpy(m + SARNET_ATTR_OFFSET + sizeof a, &ev, sizeof ev);
+    const uint8_t mac[6] = {2, 0, 0, 0, 0, 1};
+    std::vector<uint8_t> m = driver_message(cmd, "wlan-1-1", mac);
     pthread_mutex_lock(&mutex);
-    netlink_input(m, sizeof m);
+    netlink_input(m.data(), m.size());
     pthread_mutex_unlock(&mutex);
 }
 
-// The server's verified answer to the datagram sent last.
-void answer()
-{
-    const std::vector<uint8_t> &req = testenv::sent.back().bytes;
-    AUTH_HDR r{};
-    r.code = 5;
-    r.id = req[1];
-    r.length = htons(RADIUS_HDR_LEN);
-    memcpy(r.vector, &req[4], sizeof r.vector);
-    MD5_CTX ctx;
-    pra_MD5Init(&ctx);
-    pra_MD5Update(&ctx, reinterpret_cast<unsigned char *>(&r), RADIUS_HDR_LEN);
-    pra_MD5Update(&ctx, reinterpret_cast<const unsigned char *>("k"), 1);
-    pra_MD5Final(r.vector, &ctx);
-    radius_response_input(&r);
-}
+void answer() { answer_last_request("k"); }
 
 void pass()
 {

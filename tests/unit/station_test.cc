@@ -18,22 +18,9 @@ namespace {
 
 const uint8_t MAC[6] = {0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0x01};
 
-// One wireless event message: header, interface, one attribute.
 std::vector<uint8_t> nl_event(uint16_t cmd, const char *ifname, uint64_t tx = 0, uint64_t rx = 0)
 {
-    sarnet_event ev{};
-    ev.hdr.cmd = cmd;
-    memcpy(ev.data.u.sta.macaddr, MAC, 6);
-    ev.data.u.sta.tx_bytes = tx;
-    ev.data.u.sta.rx_bytes = rx;
-    std::vector<uint8_t> m(SARNET_ATTR_OFFSET + 4 + sizeof ev);
-    nlmsghdr h{static_cast<uint32_t>(m.size()), SARNETM_WIRELESS_EVENT, 0, 0, 0};
-    memcpy(m.data(), &h, sizeof h);
-    memcpy(m.data() + SARNET_IFINFO_OFFSET, ifname, strnlen(ifname, 16));
-    nlattr a{static_cast<uint16_t>(4 + sizeof ev), SARNET_ATTR_EVENT};
-    memcpy(m.data() + SARNET_ATTR_OFFSET, &a, sizeof a);
-    memcpy(m.data() + SARNET_ATTR_OFFSET + 4, &ev, sizeof ev);
-    return m;
+    return driver_message(cmd, ifname, MAC, tx, rx);
 }
 
 void feed(const std::vector<uint8_t> &d) { netlink_input(d.data(), d.size()); }

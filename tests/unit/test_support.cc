@@ -8,9 +8,11 @@
 
 #include "database/accounting_db_api.h"
 #include "delivery/retry.h"
+#include "events/driver_events.h"
 #include "frame/clock.h"
 #include "frame/console.h"
 #include "frame/memory.h"
+#include "radius/md5.h"
 #include "radius/radius_send_recieve.h"
 
 namespace testenv {
@@ -131,4 +133,38 @@ accounting_msg_t DbTest::login(const char *user, const char *mac, const char *if
     copy_text(m.interface, sizeof m.interface, iface);
     m.interim_interval = interim;
     return m;
+}
+
+std::vector<uint8_t> driver_message(uint16_t cmd, const char *ifname, const uint8_t *mac, uint64_t tx,
+                                    uint64_t rx)
+{
+    sarnet_event ev{};
+    ev.hdr.cmd = cmd;
+    memcpy(ev.data.u.sta.macaddr, mac, 6);
+    ev.data.u.sta.tx_bytes = tx;
+    ev.data.u.sta.rx_bytes = rx;
+    std::vector<uint8_t> m(SARNET_ATTR_OFFSET + sizeof(nlattr) + sizeof ev);
+    nlmsghdr h{static_cast<uint32_t>(m.size()), SARNETM_WIRELESS_EVENT, 0, 0, 0};
+    nlattr a{static_cast<uint16_t>(sizeof(nlattr) + sizeof ev), SARNET_ATTR_EVENT};
+    memcpy(m.data(), &h, sizeof h);
+    memcpy(m.data() + SARNET_IFINFO_OFFSET, ifname, strnlen(ifname, 16));
+    memcpy(m.data() + SARNET_ATTR_OFFSET, &a, sizeof a);
+    memcpy(m.data() + SARNET_ATTR_OFFSET + sizeof a, &ev, sizeof ev);
+    return m;
+}
+
+void answer_last_request(const char *secret)
+{
+    const std::vector<uint8_t> &req = testenv::sent.back().bytes;
+    AUTH_HDR r{};
+    r.code = 5;
+    r.id = req[1];
+    r.length = htons(RADIUS_HDR_LEN);
+    memcpy(r.vector, &req[4], sizeof r.vector);
+    MD5_CTX ctx;
+    pra_MD5Init(&ctx);
+    pra_MD5Update(&ctx, reinterpret_cast<unsigned char *>(&r), RADIUS_HDR_LEN);
+    pra_MD5Update(&ctx, reinterpret_cast<const unsigned char *>(secret), static_cast<unsigned>(strlen(secret)));
+    pra_MD5Final(r.vector, &ctx);
+    radius_response_input(&r);
 }

@@ -40,6 +40,13 @@ protected:
     static std::string console();
 };
 
+// Raw input of the device's peers, for tests that call the input functions.
+// One wireless event message of the driver (header, interface, one event).
+std::vector<uint8_t> driver_message(uint16_t cmd, const char *ifname, const uint8_t *mac,
+                                    uint64_t tx = 0, uint64_t rx = 0);
+// Feeds the server's verified answer to the datagram sent last.
+void answer_last_request(const char *secret);
+
 // Frees every node, profile, scheduler entry and interim queue still held.
 void reset_database();
 size_t list_length(const struct list_head *head);
