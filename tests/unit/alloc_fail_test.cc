@@ -96,17 +96,6 @@ std::string state()
     return text;
 }
 
-void free_users()
-{
-    for (hash_table &b : mac_hash_table) {
-        while (!list_empty(&b.head)) {
-            list_head *e = b.head.next;
-            list_del(e);
-            mtr_free(list_entry(e, user_entry, user_list));
-        }
-    }
-}
-
 // True when the path made fewer than n allocations, so that the failure set
 // for the nth is still pending: then it falls on one of n probes.
 bool still_pending(unsigned long n)
@@ -121,27 +110,16 @@ bool still_pending(unsigned long n)
     return hit;
 }
 
-ovat_config_event config()
-{
-    ovat_config_event c{};
-    copy_text(c.hostname, sizeof c.hostname, "127.0.0.1");
-    copy_text(c.secret, sizeof c.secret, "k");
-    copy_text(c.backup_hostname, sizeof c.backup_hostname, "127.0.0.2");
-    copy_text(c.backup_secret, sizeof c.backup_secret, "b");
-    c.port = c.backup_port = 1813;
-    return c;
-}
+ovat_config_event config(const char *iface = "") { return profile_config(iface, "127.0.0.1", "k", "127.0.0.2", "b"); }
 
-void control(int64_t id, const char *iface = "")
+void control(const accounting_event_t &ev)
 {
-    accounting_event_t ev{}, rec{};
-    ev.event_id = id;
-    ev.u.radius_profile = config();
-    copy_text(ev.u.radius_profile.interface, sizeof ev.u.radius_profile.interface, iface);
+    accounting_event_t rec;
     ovat_event_input(&rec, &ev, sizeof ev);
 }
 
-void init() { control(ACCOUNTING_EVENT_INIT, "wlan-1-1"); }
+void init() { control(control_event(ACCOUNTING_EVENT_INIT, config("wlan-1-1"))); }
+void take_down() { control(control_event(ACCOUNTING_EVENT_REMOVE, "wlan-1-1")); }
 
 // A portal profile for wlan-1-1 (cloud mode), as the portal channel gives it.
 void portal()
@@ -153,56 +131,15 @@ void portal()
     portal_event_input(&rec, &p, sizeof p);
 }
 
-void login()
-{
-    accounting_msg_t m{};
-    copy_text(m.user_name, sizeof m.user_name, "alice");
-    copy_text(m.calling_station_id, sizeof m.calling_station_id, "02:00:00:00:00:01");
-    copy_text(m.interface, sizeof m.interface, "wlan-1-1");
-    m.interim_interval = 60;
-    pthread_mutex_lock(&mutex);
-    station_login_input(&m, sizeof m);
-    pthread_mutex_unlock(&mutex);
-}
-
-void report()
-{
-    staStatus_t s{};
-    s.mac[0] = 2;
-    s.mac[5] = 1;
-    pthread_mutex_lock(&mutex);
-    station_report_input(&s, sizeof s);
-    pthread_mutex_unlock(&mutex);
-}
-
-void driver(uint16_t cmd)
-{
-    const uint8_t mac[6] = {2, 0, 0, 0, 0, 1};
-    std::vector<uint8_t> m = driver_message(cmd, "wlan-1-1", mac);
-    pthread_mutex_lock(&mutex);
-    netlink_input(m.data(), m.size());
-    pthread_mutex_unlock(&mutex);
-}
-
+// The station thread's inputs, under its lock.
+const uint8_t MAC[6] = {2, 0, 0, 0, 0, 1};
+void login() { locked([] { deliver(station_login_input, login_record("alice", "02:00:00:00:00:01", "wlan-1-1", 60)); }); }
+void report() { locked([] { deliver(station_report_input, station_report(MAC, 0)); }); }
+void driver(uint16_t cmd) { locked([=] { deliver(netlink_input, driver_message(cmd, "wlan-1-1", MAC)); }); }
 void answer() { answer_last_request("k"); }
+void pass() { locked([] { scheduler_pass(testenv::now); }); }
 
-void pass()
-{
-    pthread_mutex_lock(&mutex);
-    scheduler_pass(testenv::now);
-    pthread_mutex_unlock(&mutex);
-}
-
-void uam_login()
-{
-    uam_event e{};
-    e.event = UAM_EVENT_USER_LOGIN;
-    copy_text(e.real_username, sizeof e.real_username, "bob");
-    copy_text(e.ssid_vap_iface, sizeof e.ssid_vap_iface, "wlan-1-1");
-    copy_text(e.ssid_profile_name, sizeof e.ssid_profile_name, "SSID1");
-    copy_text(e.sta_mac, sizeof e.sta_mac, "02:00:00:00:00:01");
-    uam_event_input(&e, sizeof e);
-}
+void uam() { deliver(uam_event_input, uam_login("bob", "02:00:00:00:00:01", "wlan-1-1", "SSID1")); }
 
 // A started session whose Start was answered, on its interim queue.
 void answered_session()
@@ -228,14 +165,14 @@ const Path paths[] = {
       {"", "", "P1/0 R1 I0/0 W0 U0 S1 E1"}}},
     {"control event 2, the Accounting-Off and the removal",
      [] { init(); login(); },
-     [] { control(ACCOUNTING_EVENT_REMOVE, "wlan-1-1"); },
+     take_down,
      {{NOMEM, "", "P0/0 R1 I0/0 W0 U0 S0 E1"},
       {NOMEM, "", "P0/0 R1 I0/0 W0 U0 S0 E1"},
       {"", NOPACKET, "P0/0 R2 I0/0 W0 U0 S0 E1"},
       {"", "", "P0/0 R2 I0/0 W0 U0 S1 E1"}}},
     {"control event 5, an Accounting-Off for each profile",
-     [] { init(); control(ACCOUNTING_EVENT_INIT, "wlan-1-2"); },
-     [] { control(ACCOUNTING_EVENT_EXIT); },
+     [] { init(); control(control_event(ACCOUNTING_EVENT_INIT, config("wlan-1-2"))); },
+     [] { control(control_event(ACCOUNTING_EVENT_EXIT)); },
      {{NOMEM, "", "P2/0 R2 I0/0 W0 U0 S1 E1"},
       {NOMEM, "", "P2/0 R2 I0/0 W0 U0 S1 E1"},
       {"", NOPACKET, "P2/0 R2 I0/0 W0 U0 S1 E1"},
@@ -285,7 +222,7 @@ const Path paths[] = {
       {"", "", "P0/1 R2 I0/0 W0 U0 S2 E2"}}},
     {"a UAM login",
      [] { is_cloud = 1; portal(); answer(); },
-     uam_login,
+     uam,
      {{NOMEM, "", "P0/1 R0 I0/0 W0 U0 S0 E1"},
       {NOMEM, "", "P0/1 R0 I0/0 W0 U1 S0 E1"},
       {NOMEM, "", "P0/1 R0 I0/0 W0 U1 S0 E1"},
@@ -313,7 +250,7 @@ const Path paths[] = {
      answer,
      {{"", "", "P1/0 R0 I0/0 W0 U0 S0 E1"}}},
     {"the answer to an Accounting-Off",
-     [] { init(); control(ACCOUNTING_EVENT_REMOVE, "wlan-1-1"); },
+     [] { init(); take_down(); },
      answer,
      {{NOMEM, "", "P0/0 R0 I0/0 W0 U0 S0 E1"},
       {"", "", "P0/0 R0 I0/1 W0 U0 S0 E1"}}},
@@ -338,7 +275,6 @@ protected:
     }
     void TearDown() override
     {
-        free_users();
         is_cloud = 0;
         DbTest::TearDown();
     }
@@ -351,8 +287,7 @@ protected:
     // The path from its own start, with its nth allocation failing.
     static Seen run_failing(const Path &path, unsigned long n)
     {
-        reset_database();
-        free_users();
+        clear_database();
         is_cloud = 0;
         testenv::now = 1000000;
         testenv::sent.clear();
@@ -398,8 +333,7 @@ TEST_F(AllocFail, EveryAllocationOfEveryPath)
             if (!got.failed)
                 break;
         }
-        reset_database();
-        free_users();
+        clear_database();
 #ifdef METERD_LSAN
         EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
 #endif

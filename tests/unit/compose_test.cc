@@ -51,8 +51,8 @@ TEST_F(Compose, AttributesOfEachPacket)
     SimDevice sim;  // one station, at 192.0.2.7 with 100 bytes in, 200 out
     sim.write("stations", "aa:bb:cc:dd:ee:0f 192.0.2.7 100 200\n");
     struct accounting_radius *r = make_profile("wlan-1-1", "192.0.2.1", "primary", "192.0.2.2", "backup");
-    accounting_msg_t logins[] = {login("alice", "aa:bb:cc:dd:ee:0f", "wlan-1-1"),
-                                 login("", "aa:bb:cc:dd:ee:99", "wlan-1-1")};
+    accounting_msg_t logins[] = {login_record("alice", "aa:bb:cc:dd:ee:0f", "wlan-1-1"),
+                                 login_record("", "aa:bb:cc:dd:ee:99", "wlan-1-1")};
     struct accounting_node *n = add_new_node(&logins[0], r, PROFILE_TYPE_NORMAL, 0);
     struct accounting_node *u = add_new_node(&logins[1], r, PROFILE_TYPE_NORMAL, 0);
     n->self->user->user_ip.s_addr = u->self->user->user_ip.s_addr = inet_addr("198.51.100.4");

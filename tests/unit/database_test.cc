@@ -60,7 +60,7 @@ TEST_F(Database, ProfilesAndTheirNodes)
     EXPECT_STREQ(b->primary_server->hostname, "192.0.2.1");
     EXPECT_STREQ(a->backup_server->hostname, "ac.example");  // backups are never touched
 
-    accounting_msg_t m = login("alice", "aa:bb:cc:dd:ee:0f", "wlan-1-1");
+    accounting_msg_t m = login_record("alice", "aa:bb:cc:dd:ee:0f", "wlan-1-1");
     m.class_length = 129;  // out of range: no class at all
     struct accounting_node *n = add_new_node(&m, backup_only, PROFILE_TYPE_NORMAL, 1);
     struct accounting_node *o = add_new_node_for_on_off(none);
@@ -83,7 +83,7 @@ TEST_F(Database, PortalNasAddressRule)
     is_cloud = 1;
     init_meterd_db();
     struct accounting_radius *r = make_profile("wlan-1-1", "10.0.0.1", "s", "", "", PROFILE_TYPE_PORTAL);
-    accounting_msg_t m = login("carol", "AA-BB-CC-DD-EE-01", "ignored");
+    accounting_msg_t m = login_record("carol", "AA-BB-CC-DD-EE-01", "ignored");
     unlink("/tmp/halden_ap_ip");
     EXPECT_STREQ(add_new_node(&m, r, PROFILE_TYPE_PORTAL, 1)->self->nas_ip_info, "127.0.0.1");
     std::ofstream("/tmp/halden_ap_ip") << "192.0.2.9\nsecond line\n";
@@ -129,7 +129,7 @@ TEST_F(Database, EveryAllocationFailureLeavesNothingBehind)
     ASSERT_NE(r, nullptr);
     EXPECT_TRUE(testenv::sent.empty());
 
-    accounting_msg_t m = login("erin", "AA-BB-CC-DD-EE-03", "wlan-1-1");
+    accounting_msg_t m = login_record("erin", "AA-BB-CC-DD-EE-03", "wlan-1-1");
     for (unsigned long nth = 1; nth <= 3; nth++) {
         mtr_alloc_fail_at(nth);
         EXPECT_EQ(add_new_node(&m, r, PROFILE_TYPE_NORMAL, 1), nullptr) << nth;

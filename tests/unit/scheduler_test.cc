@@ -124,7 +124,7 @@ TEST_F(Delivery, MixedIntervalsOnTheSharedInterimQueue)
     struct accounting_radius *r = make_profile("wlan-1-1", "192.0.2.1", "s");  // key 0
     Nodes s;
     for (int interval : {0, 300, 60}) {
-        accounting_msg_t m = login("alice", "02:00:00:00:00:10", "wlan-1-1", interval);
+        accounting_msg_t m = login_record("alice", "02:00:00:00:00:10", "wlan-1-1", interval);
         s.push_back(add_new_node(&m, r, PROFILE_TYPE_NORMAL, 0));
     }
     insert_node_to_queue(s[0], QUEUE_TYPE_INTERIM);

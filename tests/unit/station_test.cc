@@ -32,7 +32,7 @@ protected:
 
     struct accounting_node *session(bool started)
     {
-        accounting_msg_t m = login("alice", "aa:bb:cc:dd:ee:01", "wlan-1-1");
+        accounting_msg_t m = login_record("alice", "aa:bb:cc:dd:ee:01", "wlan-1-1");
         EXPECT_EQ(station_login_input(&m, sizeof m), 0);
         auto *n = list_entry(mac_address_header.prev, struct accounting_node, address_sorting_list);
         if (started)
@@ -41,16 +41,14 @@ protected:
     }
     static void report(size_t len = sizeof(staStatus_t))
     {
-        staStatus_t s{};
-        inet_aton("10.0.0.7", &s.client_ip);
-        memcpy(s.mac, MAC, 6);
+        staStatus_t s = station_report(MAC, 0x0a000007);  // 10.0.0.7
         station_report_input(&s, len);
     }
 };
 
 TEST_F(Station, LoginsWaitForTheirReportOneAtATime)
 {
-    accounting_msg_t m = login("bob", "aa:bb:cc:dd:ee:01", "wlan-9-9");
+    accounting_msg_t m = login_record("bob", "aa:bb:cc:dd:ee:01", "wlan-9-9");
     EXPECT_EQ(station_login_input(&m, sizeof m), -1);  // no profile: the pass ends
     EXPECT_EQ(station_login_input(&m, sizeof m - 1), 0);  // short: dropped
     EXPECT_TRUE(list_empty(&mac_address_header));
