@@ -262,60 +262,46 @@ const Path paths[] = {
       {"", "", "P1/0 R1 I0/1 W0 U0 S1 E1"}}},
 };
 
-}  // namespace
-
-class AllocFail : public DbTest {
-protected:
-    void SetUp() override
-    {
-        DbTest::SetUp();
-        is_cloud = 1;
-        init_meterd_db();  // the portal user table, empty
-        is_cloud = 0;
-    }
-    void TearDown() override
-    {
-        is_cloud = 0;
-        DbTest::TearDown();
-    }
-
-    struct Seen {
-        bool failed;  // the nth allocation came, and failed
-        std::string err, console, state;
-    };
-
-    // The path from its own start, with its nth allocation failing.
-    static Seen run_failing(const Path &path, unsigned long n)
-    {
-        clear_database();
-        is_cloud = 0;
-        testenv::now = 1000000;
-        testenv::sent.clear();
-        path.setup();
-        sent_before = testenv::sent.size();
-
-        Pipe err, con;
-        const std::string con_path = con.path();
-        const char *saved_console = console_path;
-        console_path = con_path.c_str();
-        int saved_err = dup(STDERR_FILENO);
-        dup2(err.fd(), STDERR_FILENO);
-#ifdef METERD_LSAN
-        // A sanitizer report must not vanish into the pipe.
-        __sanitizer_set_report_fd(reinterpret_cast<void *>(static_cast<intptr_t>(saved_err)));
-#endif
-        mtr_alloc_fail_at(n);
-        path.run();
-        bool failed = !still_pending(n);
-        dup2(saved_err, STDERR_FILENO);
-#ifdef METERD_LSAN
-        __sanitizer_set_report_fd(reinterpret_cast<void *>(static_cast<intptr_t>(STDERR_FILENO)));
-#endif
-        close(saved_err);
-        console_path = saved_console;
-        return {failed, err.drain(), con.drain(), state()};
-    }
+struct Seen {
+    bool failed;  // the nth allocation came, and failed
+    std::string err, console, state;
 };
+
+// The path from its own start, with its nth allocation failing.
+Seen run_failing(const Path &path, unsigned long n)
+{
+    clear_database();
+    is_cloud = 0;
+    testenv::now = 1000000;
+    testenv::sent.clear();
+    path.setup();
+    sent_before = testenv::sent.size();
+
+    Pipe err, con;
+    const std::string con_path = con.path();
+    const char *saved_console = console_path;
+    console_path = con_path.c_str();
+    int saved_err = dup(STDERR_FILENO);
+    dup2(err.fd(), STDERR_FILENO);
+#ifdef METERD_LSAN
+    // A sanitizer report must not vanish into the pipe.
+    __sanitizer_set_report_fd(reinterpret_cast<void *>(static_cast<intptr_t>(saved_err)));
+#endif
+    mtr_alloc_fail_at(n);
+    path.run();
+    bool failed = !still_pending(n);
+    dup2(saved_err, STDERR_FILENO);
+#ifdef METERD_LSAN
+    __sanitizer_set_report_fd(reinterpret_cast<void *>(static_cast<intptr_t>(STDERR_FILENO)));
+#endif
+    close(saved_err);
+    console_path = saved_console;
+    return {failed, err.drain(), con.drain(), state()};
+}
+
+using AllocFail = DbTest;
+
+}  // namespace
 
 TEST_F(AllocFail, EveryAllocationOfEveryPath)
 {

@@ -81,7 +81,6 @@ TEST_F(Database, ProfilesAndTheirNodes)
 TEST_F(Database, PortalNasAddressRule)
 {
     is_cloud = 1;
-    init_meterd_db();
     struct accounting_radius *r = make_profile("wlan-1-1", "10.0.0.1", "s", "", "", PROFILE_TYPE_PORTAL);
     accounting_msg_t m = login_record("carol", "AA-BB-CC-DD-EE-01", "ignored");
     unlink("/tmp/halden_ap_ip");
@@ -91,7 +90,6 @@ TEST_F(Database, PortalNasAddressRule)
     unlink("/tmp/halden_ap_ip");
     inet_aton("198.51.100.4", &r->nas_ip);
     EXPECT_STREQ(add_new_node(&m, r, PROFILE_TYPE_PORTAL, 1)->self->nas_ip_info, "198.51.100.4");
-    is_cloud = 0;
 }
 
 TEST_F(Database, TextFieldsAreCutToTheirSize)

@@ -122,7 +122,6 @@ TEST_F(Station, DriverDatagramsAreReadOnlyWithinTheirBytes)
 TEST_F(Station, CloudAssociationAddressAndOweRule)
 {
     is_cloud = 1;
-    init_meterd_db();
     struct accounting_radius *portal = make_profile("wlan-1-3", "127.0.0.1", "k", "", "", PROFILE_TYPE_PORTAL);
     ASSERT_NE(portal_user_add("aa:bb:cc:dd:ee:01", "carol", "Guest", "SSID3"), nullptr);
     dev.write("owe", "1 14 3\n");
@@ -142,9 +141,6 @@ TEST_F(Station, CloudAssociationAddressAndOweRule)
         feed(ip);
     }
     EXPECT_EQ(s->self->user->user_ip.s_addr, inet_addr("10.0.0.9"));
-
-    portal_user_remove("AA-BB-CC-DD-EE-01", "SSID3");
-    is_cloud = 0;
 }
 
 }  // namespace

@@ -45,11 +45,15 @@ void DbTest::SetUp()
     radius_sendto = capture_send;
     console_path = console_file.c_str();
     debug = 1;
+    is_cloud = 1;
+    init_meterd_db();  // the portal user table, empty; a test turns cloud mode on itself
+    is_cloud = 0;
 }
 
 void DbTest::TearDown()
 {
     clear_database();
+    is_cloud = 0;
     debug = 0;
     console_path = "/dev/null";
     unlink(console_file.c_str());

@@ -1,5 +1,6 @@
 // Shared fixture of the unit tests: an empty database before and after each
-// test, a clock the test sets, and every datagram captured instead of sent.
+// test (cloud mode off, the portal user table set up), a clock the test sets,
+// and every datagram captured instead of sent.
 #ifndef METERD_TESTS_UNIT_TEST_SUPPORT_H
 #define METERD_TESTS_UNIT_TEST_SUPPORT_H
 

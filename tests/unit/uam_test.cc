@@ -15,7 +15,6 @@ using Uam = DbTest;
 TEST_F(Uam, TextsWithoutTerminatorAreReadWithinTheirFields)
 {
     is_cloud = 1;
-    init_meterd_db();
     struct uam_event e;
     memset(&e, 'A', sizeof e);
     e.event = UAM_EVENT_USER_LOGIN;
@@ -32,7 +31,6 @@ TEST_F(Uam, TextsWithoutTerminatorAreReadWithinTheirFields)
     EXPECT_STREQ(u->sta_mac, "");
     portal_user_remove("", u->ssid_profile_name);
     EXPECT_TRUE(list_empty(&mac_hash_table[0].head));
-    is_cloud = 0;
 }
 
 }  // namespace
