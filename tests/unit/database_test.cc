@@ -1,5 +1,5 @@
-// The database: MAC forms, identifiers, node and profile life cycles, text
-// fields without terminators, and allocation failure.
+// The database: MAC forms, identifiers, node and profile life cycles, and
+// text fields without terminators. Allocation failure: alloc_fail_test.cc.
 #include <arpa/inet.h>
 #include <unistd.h>
 
@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "database/accounting_db_api.h"
-#include "events/profile_events.h"
 #include "frame/memory.h"
 #include "frame/meterd.h"
 #include "test_support.h"
@@ -107,46 +106,6 @@ TEST_F(Database, TextFieldsAreCutToTheirSize)
     EXPECT_EQ(strlen(n->self->user->user_name), 63u);
     EXPECT_EQ(strlen(n->self->nas_ip_info), 32u);
     EXPECT_EQ(strlen(n->self->user->user_mac), 0u);  // 32 characters: no MAC form
-}
-
-// Every allocation of a node, and of a profile coming or going by the
-// control channel, failed in turn: nothing is left half made.
-TEST_F(Database, EveryAllocationFailureLeavesNothingBehind)
-{
-    struct ovat_config_event cfg{};
-    copy_text(cfg.hostname, sizeof cfg.hostname, "127.0.0.1");
-    auto init = [&cfg](const char *iface) { profile_bring_up(iface, &cfg, PROFILE_TYPE_NORMAL, "f"); };
-    mtr_alloc_fail_at(1);  // the profile record
-    init("wlan-1-1");
-    EXPECT_TRUE(list_empty(&total_radius_server_header));
-    EXPECT_NE(console().find(": add_radius fail.\n"), std::string::npos);
-    mtr_alloc_fail_at(2);  // the primary server record: listed, half filled, silent
-    init("wlan-1-2");
-    EXPECT_NE(console().find(": update_radius_profile fail\n"), std::string::npos);
-    struct accounting_radius *r = search_radius_by_interface("wlan-1-2", PROFILE_TYPE_NORMAL);
-    ASSERT_NE(r, nullptr);
-    EXPECT_TRUE(testenv::sent.empty());
-
-    accounting_msg_t m = login_record("erin", "AA-BB-CC-DD-EE-03", "wlan-1-1");
-    for (unsigned long nth = 1; nth <= 3; nth++) {
-        mtr_alloc_fail_at(nth);
-        EXPECT_EQ(add_new_node(&m, r, PROFILE_TYPE_NORMAL, 1), nullptr) << nth;
-    }
-    for (unsigned long nth = 1; nth <= 2; nth++) {
-        mtr_alloc_fail_at(nth);
-        EXPECT_EQ(add_new_node_for_on_off(r), nullptr) << nth;
-    }
-    EXPECT_TRUE(list_empty(&mac_address_header) && list_empty(&ip_change_header) && r->on_off_count == 0);
-
-    // No Accounting-Off node: the profile goes all the same, now if nothing
-    // holds it, else with its waiting Accounting-On.
-    init("wlan-1-3");
-    for (struct accounting_radius *gone : {r, search_radius_by_interface("wlan-1-3", PROFILE_TYPE_NORMAL)}) {
-        mtr_alloc_fail_at(1);
-        profile_take_down(gone);
-    }
-    EXPECT_TRUE(list_empty(&total_radius_server_header));
-    EXPECT_EQ(testenv::sent.size(), 1u);  // only wlan-1-3's Accounting-On
 }
 
 }  // namespace

@@ -112,9 +112,6 @@ TEST_F(Delivery, RequestQueueSortsReplacesItsEntryAndIsSearched)
     insert_node_to_queue(n[0], QUEUE_TYPE_FAIL);
     EXPECT_EQ(find_request(2), n[1]);  // the fail queue is not searched
     insert_node_to_queue(n[1], 0);     // no such queue: the node stays
-    r->acc_interim = 777;
-    mtr_alloc_fail_at(1);  // no memory for that key's interim queue
-    insert_node_to_queue(n[1], QUEUE_TYPE_INTERIM);
     EXPECT_EQ(on(rq), (Nodes{n[1]}));
 }
 
