@@ -77,6 +77,19 @@ def _bound(path):
         return s.connect_ex(path) == 0
 
 
+def tool(name, check=True):
+    # A built tool (devsim, meterctl) as a function of its arguments: with check it must succeed
+    # and its output shows; without, its result comes back with the output captured.
+    return lambda *args: subprocess.run([os.path.join(BUILD_DIR, name)] + [str(a) for a in args], check=check,
+                                        capture_output=not check, text=True, timeout=30)
+
+
+def hybrid_mode(text):
+    # What the simulated device reports as its mode; 5 is cloud mode.
+    os.makedirs('/tmp/devsim', exist_ok=True)
+    pathlib.Path('/tmp/devsim/hybridmode').write_text(text)
+
+
 def fresh_dirs():
     # Mounts empty /tmp and /var/run over whatever is there; returns the undo.
     for path in ('/tmp', '/var/run'):

@@ -2,7 +2,6 @@
 """Cloud mode: portal profiles from their own channel and portal sessions from UAM logins and the
 driver's events, as FreeRADIUS records them. The daemon runs on a clock ten times faster."""
 import os
-import subprocess
 import time
 
 import harness
@@ -11,18 +10,13 @@ from harness import Meterd
 SECRET, SPEED = 'testing123', 10
 PORTAL_SOCK, UAM_SOCK = '/tmp/accounting_portal.sock', '/tmp/devsim/uam.sock'
 LOCAL, FOREIGN, FILTERED = '02-00-00-00-00-0a', '02-00-00-00-00-0b', '02-00-00-00-00-0c'
-
-
-def devsim(*args):
-    subprocess.run([os.path.join(harness.BUILD_DIR, 'devsim')] + [str(a) for a in args], check=True)
+devsim = harness.tool('devsim')
 
 
 class Cloud(harness.SystemTest):
 
     def start_daemon(self, mode):
-        os.makedirs('/tmp/devsim', exist_ok=True)
-        with open('/tmp/devsim/hybridmode', 'w') as f:
-            f.write('%d\n' % mode)
+        harness.hybrid_mode('%d\n' % mode)
         return self.start(Meterd(['-d'], speed=SPEED))
 
     def start_cloud(self):

@@ -5,17 +5,12 @@ the session and cloud suites."""
 import os
 import socket
 import struct
-import subprocess
 
 import harness
 
-DEVSIM = os.path.join(harness.BUILD_DIR, 'devsim')
 LOGIN, REPORT = '/tmp/accounting_recv_radius.sock', '/tmp/accounting_recv_wireless_hal.sock'
 PORTAL, UAM, STATIONS = '/tmp/accounting_portal.sock', '/tmp/devsim/uam.sock', '/tmp/devsim/stations'
-
-
-def devsim(*args):
-    return subprocess.run([DEVSIM, *args], capture_output=True, text=True)
+devsim = harness.tool('devsim', check=False)
 
 
 class Devsim(harness.SystemTest):

@@ -1,6 +1,5 @@
 #!/usr/bin/python3
 """The daemon frame seen from outside: start-up, options, console, control channel, dump."""
-import pathlib
 import socket
 import struct
 
@@ -18,10 +17,9 @@ class Frame(harness.SystemTest):
         # stale one of ours; an unknown option is passed over.
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as stale:
             stale.bind(CONTROL_SOCK)
-        pathlib.Path('/tmp/devsim').mkdir()
         for mode in (None, '1', '0', '7', 'garbage', '5'):  # None: the simulated device has no mode file
             if mode:
-                pathlib.Path('/tmp/devsim/hybridmode').write_text(mode)
+                harness.hybrid_mode(mode)
             daemon, mark = self.start(Meterd(['-x'])), len(self.console.text)
             with self.subTest(mode=mode):
                 self.assertEqual(harness.read_file(harness.PID_FILE), str(daemon.proc.pid))

@@ -3,17 +3,12 @@
 and every bad input is refused with its own message before anything reaches the socket."""
 import os
 import socket
-import subprocess
 
 import harness
 from harness import CONTROL_SOCK, OFF_TAIL, ON_TAIL, Meterd, Peer
 
 SECRET, NEW_SECRET = 'testing123', 'n3w-s3cret'
-
-
-def meterctl(*args):
-    return subprocess.run([os.path.join(harness.BUILD_DIR, 'meterctl')] + [str(a) for a in args],
-                          capture_output=True, text=True, timeout=10)
+meterctl = harness.tool('meterctl', check=False)
 
 
 class Meterctl(harness.SystemTest):

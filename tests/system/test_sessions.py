@@ -1,17 +1,11 @@
 #!/usr/bin/python3
 """A user's whole session on the simulated access point, driven only by devsim and the control
 socket, as FreeRADIUS records it. The daemon runs on a clock ten times faster."""
-import os
-import subprocess
-
 import harness
 from harness import Meterd, ev_init
 
 SECRET, SPEED, MAC = 'testing123', 10, 'aa:bb:cc:dd:ee:01'
-
-
-def devsim(*args):
-    subprocess.run([os.path.join(harness.BUILD_DIR, 'devsim')] + [str(a) for a in args], check=True)
+devsim = harness.tool('devsim')
 
 
 class Sessions(harness.SystemTest):

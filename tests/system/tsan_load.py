@@ -7,7 +7,6 @@ everything, so that retries and failover run too. TSan must report nothing.
 Needs a build with -DMETERD_TSAN=ON: METERD_BUILD_DIR, default build-tsan. Root, like every
 system test. METERD_LOAD_SECONDS sets how long the load lasts (default 60)."""
 import os
-import subprocess
 import sys
 import threading
 import time
@@ -20,10 +19,7 @@ from harness import EV_AC_IP_CHANGE, EV_DEBUG_OFF, EV_DEBUG_ON, EV_DUMP, EV_REMO
 
 SECRET, USERS = 'testing123', 16
 SECONDS = float(os.environ.get('METERD_LOAD_SECONDS', 60))
-
-
-def devsim(*args):
-    subprocess.run([os.path.join(harness.BUILD_DIR, 'devsim')] + [str(a) for a in args], check=True)
+devsim = harness.tool('devsim')
 
 
 def mac(i):
@@ -33,9 +29,7 @@ def mac(i):
 class TsanLoad(harness.SystemTest):
 
     def test_all_threads_at_once(self):
-        os.makedirs('/tmp/devsim', exist_ok=True)
-        with open('/tmp/devsim/hybridmode', 'w') as f:
-            f.write('5\n')
+        harness.hybrid_mode('5\n')
         for i in range(USERS):
             devsim('station', 'add', '--mac', mac(i), '--ip', '10.0.1.%d' % (i + 1), '--rx', 1000 + i, '--tx', 2000)
         server = self.start(harness.FreeRadius(SECRET))
