@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <set>
 
 #include "database/accounting_db_api.h"
 #include "delivery/queues.h"
@@ -24,18 +23,12 @@ T zeroed()
     return t;
 }
 
-// A removed profile lives on through its on/off nodes and goes with the last
-// of them. Collected and freed once at the end: releasing it at the first of
-// its nodes would walk every queue again for each profile.
-void drain(list_head *queue, std::set<accounting_radius *> &removed)
+// Each node ends as one whose profile has no server: a removed profile goes
+// with the last of its on/off nodes, as in the daemon.
+void drain(list_head *queue)
 {
-    while (!list_empty(queue)) {
-        auto *node = reinterpret_cast<accounting_node *>(queue->next);
-        accounting_radius *radius = node->self->acct_radius;
-        if (radius && radius->acct_status == ACCOUNTING_OFF)
-            removed.insert(radius);
-        free_accounting_node(node);
-    }
+    while (!list_empty(queue))
+        drop_node(reinterpret_cast<accounting_node *>(queue->next));
 }
 
 }  // namespace
@@ -138,18 +131,13 @@ size_t signed_answer(uint8_t *out, const uint8_t *request, const uint8_t *body, 
 void clear_database()
 {
     mtr_alloc_fail_at(0);
-    std::set<accounting_radius *> removed;
-    drain(&request_queue_header, removed);
-    drain(&fail_queue_header, removed);
+    drain(&request_queue_header);
+    drain(&fail_queue_header);
     while (!list_empty(&total_interim_queue_header)) {
         auto *q = reinterpret_cast<interim_queue *>(total_interim_queue_header.next);
-        drain(&q->interim_queue_header, removed);
+        drain(&q->interim_queue_header);
         list_del(&q->total_interim_queue);
         mtr_free(q);
-    }
-    for (accounting_radius *radius : removed) {
-        empty_radius_profile(radius);
-        mtr_free(radius);
     }
     for (list_head *head : {&total_radius_server_header, &portal_radius_server_header}) {
         while (!list_empty(head)) {

@@ -23,22 +23,6 @@ bool is_first(const struct accounting_node *node, const struct list_head *header
     return node->queue.prev == header;
 }
 
-// A node whose profile has no server is dropped without a packet. Such a
-// profile never reaches fail_handler, so its on/off transactions end here:
-// the count comes down, and once the profile is removed its last on/off node
-// lets it go, or the record would live for ever. At a count of 0 no other
-// node of the profile is queued, so the walk's next node stays valid.
-void drop_node(struct accounting_node *node)
-{
-    struct accounting_radius *radius = node->self->acct_radius;
-    if (radius && !node->self->user) {
-        radius->on_off_count--;
-        if (radius->acct_status == ACCOUNTING_OFF && radius->on_off_count == 0)
-            release_radius_profile(node);
-    }
-    free_accounting_node(node);
-}
-
 // The one form of both handlers. Every due node leaves the queue (moved or
 // freed), and nothing frees another node of this queue, so the noted next
 // node stays valid.
@@ -71,6 +55,22 @@ void resend(struct accounting_node *node)
 }
 
 }  // namespace
+
+// A profile without a server never reaches fail_handler, so its on/off
+// transactions end here: the count comes down, and once the profile is
+// removed its last on/off node lets it go, or the record would live for ever.
+// At a count of 0 no other node of the profile is queued, so a walk's next
+// node stays valid.
+void drop_node(struct accounting_node *node)
+{
+    struct accounting_radius *radius = node->self->acct_radius;
+    if (radius && !node->self->user) {
+        radius->on_off_count--;
+        if (radius->acct_status == ACCOUNTING_OFF && radius->on_off_count == 0)
+            release_radius_profile(node);
+    }
+    free_accounting_node(node);
+}
 
 int insert_node_to_queue(struct accounting_node *node, unsigned short queue_type)
 {
