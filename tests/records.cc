@@ -152,9 +152,8 @@ void clear_database()
         list_del(&e->register_event);
         mtr_free(e);
     }
-    // The portal user table exists once cloud mode has set it up.
     for (hash_table &bucket : mac_hash_table) {
-        while (bucket.head.next && !list_empty(&bucket.head)) {
+        while (!list_empty(&bucket.head)) {
             list_head *e = bucket.head.next;
             list_del(e);
             mtr_free(list_entry(e, user_entry, user_list));

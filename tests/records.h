@@ -59,7 +59,8 @@ void locked(F f)
 }
 
 // Frees every node, profile, scheduler entry, interim queue and portal user
-// still held, and turns allocation failure off.
+// still held, and turns allocation failure off. The portal user table must
+// have been set up (init_meterd_db in cloud mode).
 void clear_database();
 
 #endif
