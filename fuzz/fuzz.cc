@@ -21,7 +21,13 @@
 #include <cstring>
 
 #include "database/accounting_db_api.h"
+#include "database/mac_text.h"
+#include "database/nodes.h"
+#include "database/portal_users.h"
+#include "database/profiles.h"
+#include "database/session_id.h"
 #include "delivery/scheduler.h"
+#include "delivery/transaction.h"
 #include "events/driver_events.h"
 #include "events/portal_events.h"
 #include "events/station_events.h"
@@ -29,7 +35,11 @@
 #include "frame/clock.h"
 #include "frame/console.h"
 #include "frame/control.h"
+#include "frame/db_dump.h"
+#include "frame/domain_socket.h"
 #include "platform/sim/sim.h"
+#include "radius/compose.h"
+#include "radius/radius_msg.h"
 #include "radius/radius_send_recieve.h"
 #include "records.h"
 
@@ -159,6 +169,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     mtr_set_clock([] { return now; });
     radius_sendto = capture;
+    transaction_init();
     console_path = "/dev/null";
     sim_root = "/nonexistent";
     is_cloud = 1;

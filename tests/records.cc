@@ -5,8 +5,9 @@
 #include <algorithm>
 #include <cstring>
 
-#include "database/accounting_db_api.h"
-#include "delivery/queues.h"
+#include "database/portal_users.h"
+#include "database/profiles.h"
+#include "delivery/transaction.h"
 #include "events/driver_events.h"
 #include "frame/memory.h"
 #include "radius/md5.h"
@@ -28,7 +29,7 @@ T zeroed()
 void drain(list_head *queue)
 {
     while (!list_empty(queue))
-        drop_node(reinterpret_cast<accounting_node *>(queue->next));
+        transaction_drop(reinterpret_cast<accounting_node *>(queue->next));
 }
 
 }  // namespace
@@ -143,8 +144,7 @@ void clear_database()
         while (!list_empty(head)) {
             auto *radius = list_entry(head->next, accounting_radius, total_radius_server);
             remove_radius(radius);  // frees the sessions that wait on no queue
-            empty_radius_profile(radius);
-            mtr_free(radius);
+            free_radius_profile(radius);
         }
     }
     while (!list_empty(&event_header)) {

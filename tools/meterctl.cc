@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "frame/control.h"
+#include "frame/db_dump.h"
 
 namespace {
 

@@ -85,4 +85,12 @@ inline int list_empty(const struct list_head *head)
 #define list_entry(ptr, type, member) \
     (reinterpret_cast<type *>(reinterpret_cast<char *>(ptr) - offsetof(type, member)))
 
+// Walks every link of the list from the first. The body must not unlink pos.
+#define list_for_each(pos, head) for (pos = (head)->next; pos != (head); pos = pos->next)
+
+// The same, noting the next link before the body runs, so that the body may
+// unlink or free the entry at pos (but no other entry of this list).
+#define list_for_each_safe(pos, n, head) \
+    for (pos = (head)->next, n = pos->next; pos != (head); pos = n, n = pos->next)
+
 #endif

@@ -1,5 +1,6 @@
-// Session nodes and on/off nodes: creation, release, session identifiers
-// and the two MAC text forms.
+// Session nodes and on/off nodes: creation and release.
+#include "database/nodes.h"
+
 #include <arpa/inet.h>
 #include <unistd.h>
 
@@ -8,6 +9,8 @@
 #include <cstring>
 
 #include "database/accounting_db_api.h"
+#include "database/mac_text.h"
+#include "database/session_id.h"
 #include "frame/clock.h"
 #include "frame/console.h"
 #include "frame/memory.h"
@@ -119,18 +122,23 @@ struct accounting_node *add_new_node(accounting_msg_t *event, struct accounting_
             self->class_length = event->class_length;
             memcpy(self->acc_class, event->attr_class, static_cast<size_t>(event->class_length));
         }
-        list_add_tail(&node->address_sorting_list, &mac_address_header);
+        list_add_tail(&node->address_sorting_list, session_list(type));
     } else {
         self->acc_interim = radius->acc_interim;
         portal_nas_ip(self, radius);
         if (radius->nas_id[0])
             copy_text(self->nas_id_info, sizeof self->nas_id_info, radius->nas_id);
-        list_add_tail(&node->address_sorting_list, &portal_mac_address_header);
+        list_add_tail(&node->address_sorting_list, session_list(type));
     }
     if (ipchange)
         list_add_tail(&node->ip_change_list, &ip_change_header);
     radius_profile_list_add(node);
     return node;
+}
+
+struct list_head *session_list(int type)
+{
+    return type == PROFILE_TYPE_NORMAL ? &mac_address_header : &portal_mac_address_header;
 }
 
 struct accounting_node *add_new_node_for_on_off(struct accounting_radius *radius)
@@ -172,77 +180,4 @@ void free_accounting_node(struct accounting_node *node)
     free_accounting_msg(self);
     mtr_free(self);
     mtr_free(node);
-}
-
-int os_get_random(unsigned char *buf, size_t len)
-{
-    FILE *fp = fopen("/dev/urandom", "rb");
-    if (!fp) {
-        TRACE("Could not open /dev/urandom.\n");
-        return -1;
-    }
-    // Unbuffered: stdio would otherwise draw a whole buffer of 4 KiB from
-    // the kernel's generator for the 8 bytes of each session id.
-    setvbuf(fp, nullptr, _IONBF, 0);
-    size_t got = fread(buf, 1, len, fp);
-    fclose(fp);
-    return got == len ? 0 : -1;
-}
-
-void gen_session_id(char *id, size_t len)
-{
-    unsigned long long value = 0;
-    if (os_get_random(reinterpret_cast<unsigned char *>(&value), sizeof value) == 0) {
-        snprintf(id, len, "%016llX", value);
-        return;
-    }
-    // The seed starts anew on each call, so the fallback changes only with
-    // the clock; two ids made in one second are equal.
-    unsigned int seed = 0;
-    int32_t v = static_cast<int32_t>(static_cast<uint32_t>(rand_r(&seed) % 1013) +
-                                     static_cast<uint32_t>(mtr_time()));
-    snprintf(id, len, "%d", v);
-}
-
-void change_mac_format(char *sta_mac, const char *calling_station_id)
-{
-    sta_mac[0] = '\0';
-    size_t len = strlen(calling_station_id);
-    if (len == 17) {
-        for (size_t i = 0; i < 17; i++) {
-            char c = calling_station_id[i];
-            if ((c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || c == '-')
-                sta_mac[i] = c;
-            else if (c == ':')
-                sta_mac[i] = '-';
-            else if (c >= 'a' && c <= 'z')
-                sta_mac[i] = static_cast<char>(c - 'a' + 'A');
-            // Anything else writes nothing: the zero there ends the text.
-        }
-        sta_mac[17] = '\0';
-    } else if (len == 12) {
-        size_t o = 0;
-        for (size_t i = 0; i < 12; i++) {
-            if (i != 0 && i % 2 == 0)
-                sta_mac[o++] = '-';
-            char c = calling_station_id[i];
-            sta_mac[o++] = (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c;
-        }
-        sta_mac[17] = '\0';
-    } else {
-        TRACE("unknow format !!!");
-    }
-}
-
-void change_mac_to_rrm_format(char *dst_mac, const char *src_mac)
-{
-    size_t i = 0;
-    do {
-        char c = src_mac[i];
-        if (c >= 'A' && c <= 'Z')
-            c = static_cast<char>(c - 'A' + 'a');
-        else if (c == '-')
-            c = ':';
-        dst_mac[i] = c;
-    } while (src_mac[i++] != '\0');
 }

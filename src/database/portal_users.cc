@@ -1,9 +1,10 @@
-// The portal user table: who is logged in at the portal, by MAC and SSID
-// profile, whether or not a session runs for them. Cloud mode only.
+// The portal user table.
+#include "database/portal_users.h"
+
 #include <cstdio>
 #include <cstring>
 
-#include "database/accounting_db_api.h"
+#include "database/mac_text.h"
 #include "frame/console.h"
 #include "frame/memory.h"
 #include "frame/meterd.h"
@@ -77,9 +78,8 @@ void portal_user_remove(const char *sta_mac_text, const char *ssid_profile_name)
 {
     char sta_mac[18] = {0};
     change_mac_format(sta_mac, sta_mac_text);
-    struct list_head *head = &mac_hash_table[hash_func(sta_mac)].head;
-    for (struct list_head *pos = head->next, *next = pos->next; pos != head;
-         pos = next, next = pos->next) {
+    struct list_head *pos, *next;
+    list_for_each_safe(pos, next, &mac_hash_table[hash_func(sta_mac)].head) {
         auto *e = list_entry(pos, struct user_entry, user_list);
         if (portal_user_matches(e, sta_mac, ssid_profile_name)) {
             list_del(&e->user_list);

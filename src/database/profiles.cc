@@ -1,9 +1,11 @@
-// The RADIUS profile store: one profile per WLAN interface and family.
+// The RADIUS profile store.
+#include "database/profiles.h"
+
 #include <climits>
 #include <cstdio>
 #include <cstring>
 
-#include "database/accounting_db_api.h"
+#include "database/nodes.h"
 #include "frame/console.h"
 #include "frame/memory.h"
 #include "frame/meterd.h"
@@ -91,8 +93,8 @@ struct accounting_radius *search_radius_by_interface(const char *interface, int 
         return nullptr;
     if (type == PROFILE_TYPE_PORTAL && !is_cloud)
         return nullptr;
-    struct list_head *head = family_list(type);
-    for (struct list_head *p = head->next; p != head; p = p->next) {
+    struct list_head *p;
+    list_for_each(p, family_list(type)) {
         auto *radius = list_entry(p, struct accounting_radius, total_radius_server);
         if (strncmp(radius->interface, interface, sizeof radius->interface) == 0)
             return radius;
@@ -102,8 +104,8 @@ struct accounting_radius *search_radius_by_interface(const char *interface, int 
 
 int remove_radius(struct accounting_radius *radius)
 {
-    struct list_head *head = &radius->user_node_header;
-    for (struct list_head *p = head->next, *next = p->next; p != head; p = next, next = p->next)
+    struct list_head *p, *next;
+    list_for_each_safe(p, next, &radius->user_node_header)
         free_accounting_node(list_entry(p, struct accounting_node, radius_profile_list));
     list_del(&radius->total_radius_server);
     radius->acct_status = ACCOUNTING_OFF;
@@ -118,6 +120,12 @@ void empty_radius_profile(struct accounting_radius *radius)
     radius->backup_server = nullptr;
 }
 
+void free_radius_profile(struct accounting_radius *radius)
+{
+    empty_radius_profile(radius);
+    mtr_free(radius);
+}
+
 namespace {
 
 // The controller is known by the host name of the primary servers: every
@@ -125,8 +133,8 @@ namespace {
 // portal profiles are the cloud's, never the controller's.
 void replace_on_primaries(const char *ac_ip, const char *value, bool secret)
 {
-    struct list_head *head = &total_radius_server_header;
-    for (struct list_head *p = head->next; p != head; p = p->next) {
+    struct list_head *p;
+    list_for_each(p, &total_radius_server_header) {
         auto *radius = list_entry(p, struct accounting_radius, total_radius_server);
         radius_server *server = radius->primary_server;
         if (!server || strncmp(server->hostname, ac_ip, sizeof server->hostname) != 0)
@@ -153,10 +161,23 @@ void replace_radius_to_new_ac_shared_secet_key(const char *ac_ip, const char *se
     replace_on_primaries(ac_ip, secret_key, true);
 }
 
+int radius_profile_idle(const struct accounting_radius *radius)
+{
+    return radius->acct_status == ACCOUNTING_OFF && radius->on_off_count == 0;
+}
+
 int check_radius_exist(struct accounting_radius *radius)
 {
     if (radius && (radius->primary_server || radius->backup_server))
         return 1;
     TRACE("node->self->acct_radius was free !!!!");
     return 0;
+}
+
+radius_server *node_server(const struct user_accounting_info *self)
+{
+    const struct accounting_radius *radius = self->acct_radius;
+    if (!radius)
+        return nullptr;
+    return self->server == SERVER_PRIMARY ? radius->primary_server : radius->backup_server;
 }

@@ -4,12 +4,13 @@
 #include <cstdio>
 
 #include "database/accounting_db_api.h"
-#include "delivery/retry.h"
+#include "database/profiles.h"
 #include "delivery/scheduler.h"
+#include "delivery/transaction.h"
 #include "frame/clock.h"
 #include "frame/console.h"
 #include "frame/memory.h"
-#include "radius/radius_send_recieve.h"
+#include "radius/radius_msg.h"
 
 namespace {
 
@@ -30,9 +31,8 @@ void serve_queue(struct list_head *header, scheduler_func self,
                  void (*due)(struct accounting_node *node))
 {
     time_t now = mtr_time();
-    struct list_head *next;
-    for (struct list_head *pos = header->next; pos != header; pos = next) {
-        next = pos->next;
+    struct list_head *pos, *next;
+    list_for_each_safe(pos, next, header) {
         struct accounting_node *node = node_of(pos);
         if (node->self->report_time > now) {
             // Nodes behind this one wait for it, even if they are due.
@@ -42,7 +42,7 @@ void serve_queue(struct list_head *header, scheduler_func self,
         if (check_radius_exist(node->self->acct_radius) == 1)
             due(node);
         else
-            drop_node(node);
+            transaction_drop(node);
     }
 }
 
@@ -50,27 +50,10 @@ void resend(struct accounting_node *node)
 {
     // The status counts only when a new packet must be composed: a stored
     // request goes out again as it is.
-    send_accounting(node, ACCOUNTING_INTERIM);
-    insert_node_to_queue(node, QUEUE_TYPE_REQUEST);
+    transaction_begin(node, ACCOUNTING_INTERIM);
 }
 
 }  // namespace
-
-// A profile without a server never reaches fail_handler, so its on/off
-// transactions end here: the count comes down, and once the profile is
-// removed its last on/off node lets it go, or the record would live for ever.
-// At a count of 0 no other node of the profile is queued, so a walk's next
-// node stays valid.
-void drop_node(struct accounting_node *node)
-{
-    struct accounting_radius *radius = node->self->acct_radius;
-    if (radius && !node->self->user) {
-        radius->on_off_count--;
-        if (radius->acct_status == ACCOUNTING_OFF && radius->on_off_count == 0)
-            release_radius_profile(node);
-    }
-    free_accounting_node(node);
-}
 
 int insert_node_to_queue(struct accounting_node *node, unsigned short queue_type)
 {
@@ -127,8 +110,8 @@ int insert_node_to_queue(struct accounting_node *node, unsigned short queue_type
 
 struct list_head *get_interim_queue_header(int interim)
 {
-    for (struct list_head *pos = total_interim_queue_header.next;
-         pos != &total_interim_queue_header; pos = pos->next) {
+    struct list_head *pos;
+    list_for_each(pos, &total_interim_queue_header) {
         auto *queue = list_entry(pos, struct interim_queue, total_interim_queue);
         if (queue->interim == interim)
             return &queue->interim_queue_header;
@@ -170,8 +153,8 @@ void request_send_handler(struct list_head *header)
 
 struct accounting_node *find_request(int response_id)
 {
-    for (struct list_head *pos = request_queue_header.next; pos != &request_queue_header;
-         pos = pos->next) {
+    struct list_head *pos;
+    list_for_each(pos, &request_queue_header) {
         struct accounting_node *node = node_of(pos);
         // A node can wait here without a packet: no server, or no memory.
         if (node->self->request && node->self->request->id == response_id)

@@ -14,10 +14,6 @@ struct list_head *get_interim_queue_header(int interim);
 int queue_insert_and_sort(struct accounting_node *node, struct list_head *queue_header);
 void request_timeout_handler(struct list_head *header);
 void request_send_handler(struct list_head *header);
-// Ends node's transaction without a packet (a profile without a server): an
-// on/off node counts down its profile, the last one of a removed profile
-// releases it.
-void drop_node(struct accounting_node *node);
 // First node of the request queue whose stored request has that id, or NULL.
 struct accounting_node *find_request(int response_id);
 

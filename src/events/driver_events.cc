@@ -5,11 +5,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "database/accounting_db_api.h"
+#include "database/mac_text.h"
+#include "database/nodes.h"
+#include "database/portal_users.h"
+#include "database/profiles.h"
 #include "events/session_stop.h"
 #include "frame/console.h"
 #include "frame/meterd.h"
@@ -43,6 +47,22 @@ int netlink_socket_create(struct sockaddr_nl *local)
     return fd;
 }
 
+namespace {
+
+// atoi's reading of an index token, but a number beyond int is cut to it, so
+// that a crafted name cannot make the zero-based index undefined.
+int index_of(const char *token)
+{
+    long long v = strtoll(token, nullptr, 10);
+    if (v > INT_MAX)
+        v = INT_MAX;
+    if (v < INT_MIN + 1LL)
+        v = INT_MIN + 1LL;
+    return static_cast<int>(v) - 1;
+}
+
+}  // namespace
+
 int getInterfaceIdx(const char *if_name, int *radioIdx, int *wlanIdx)
 {
     if (!if_name[0])
@@ -55,8 +75,8 @@ int getInterfaceIdx(const char *if_name, int *radioIdx, int *wlanIdx)
     const char *wlan = radio ? strtok_r(nullptr, "-", &save) : nullptr;
     if (!wlan)
         return 0;
-    *radioIdx = atoi(radio) - 1;
-    *wlanIdx = atoi(wlan) - 1;
+    *radioIdx = index_of(radio);
+    *wlanIdx = index_of(wlan);
     return 1;
 }
 
@@ -68,32 +88,13 @@ enum { WLAN_IDX_NO_STOP = 9, OWE_WLAN_FIRST = 14, OWE_WLAN_LAST = 16 };
 const size_t STA_MAC_END = offsetof(sarnet_event, data.u.sta.macaddr) + 6;
 const size_t STA_COUNTERS_END = offsetof(sarnet_event, data.u.sta.rx_bytes) + 8;
 
-struct list_head *family_list(int type)
-{
-    return type == PROFILE_TYPE_NORMAL ? &mac_address_header : &portal_mac_address_header;
-}
-
-void mac_upper(char *buf, size_t size, const uint8_t *m)
-{
-    snprintf(buf, size, "%02X-%02X-%02X-%02X-%02X-%02X", m[0], m[1], m[2], m[3], m[4], m[5]);
-}
-
-// Canonical text made the way association and address events make it.
-void mac_canonical(char sta_mac[18], const uint8_t *m)
-{
-    char mac_buf[18];
-    snprintf(mac_buf, sizeof mac_buf, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-    memset(sta_mac, 0, 18);
-    change_mac_format(sta_mac, mac_buf);
-}
-
 // Stops the first node of the family whose MAC is mac and, when interface
 // is given, whose profile is that interface's. At most one per call.
 void stop_first(int type, const char *mac, const char *interface)
 {
     conn_t conn_status = {0, 0};
-    struct list_head *head = family_list(type);
-    for (struct list_head *p = head->next, *n = p->next; p != head; p = n, n = p->next) {
+    struct list_head *p, *n;
+    list_for_each_safe(p, n, session_list(type)) {
         auto *node = list_entry(p, struct accounting_node, address_sorting_list);
         struct user_node_info *user = node->self->user;
         TRACE("node mac is: %s\nevent mac is: %s\n", user->user_mac, mac);
@@ -117,8 +118,8 @@ void sta_disassoc(const struct sarnet_sta_info *sta, const char *ifi_name, int w
     if (wlanIdx == WLAN_IDX_NO_STOP)
         return;
     TRACE("recieve user disassoc event\n");
-    char mac_buf[18];
-    mac_upper(mac_buf, sizeof mac_buf, sta->macaddr);
+    char mac_buf[MAC_TEXT_SIZE];
+    mac_bytes_to_text(mac_buf, sta->macaddr);
     stop_first(PROFILE_TYPE_NORMAL, mac_buf, ifi_name);
     if (is_cloud)
         stop_first(PROFILE_TYPE_PORTAL, mac_buf, ifi_name);
@@ -126,8 +127,8 @@ void sta_disassoc(const struct sarnet_sta_info *sta, const char *ifi_name, int w
 
 void sta_counters(const struct sarnet_sta_info *sta)
 {
-    char mac_buf[18];
-    mac_upper(mac_buf, sizeof mac_buf, sta->macaddr);
+    char mac_buf[MAC_TEXT_SIZE];
+    mac_bytes_to_text(mac_buf, sta->macaddr);
     conn_t conn_status;
     memcpy(&conn_status.tx, &sta->tx_bytes, sizeof conn_status.tx);
     memcpy(&conn_status.rx, &sta->rx_bytes, sizeof conn_status.rx);
@@ -141,19 +142,16 @@ void sta_assoc(const struct sarnet_sta_info *sta, int radioIdx, int wlanIdx)
 {
     TRACE("Into accounting_sta_assoc\n");
     TRACE("recieve user assoc event\n");
-    char sta_mac[18];
-    mac_canonical(sta_mac, sta->macaddr);
+    char sta_mac[MAC_TEXT_SIZE];
+    mac_bytes_to_text(sta_mac, sta->macaddr);
     char interface[64];
     snprintf(interface, sizeof interface, "wlan-%d-%d", radioIdx + 1, wlanIdx + 1);
     int table_index = hash_func(sta_mac);
     char ssid_profile_name[64];
     snprintf(ssid_profile_name, sizeof ssid_profile_name, "SSID%d", wlanIdx + 1);
-    char ap_mac[18];
-    memset(ap_mac, 0, sizeof ap_mac);
-    change_mac_format(ap_mac, global_ap_mac);
 
-    struct list_head *bucket = &mac_hash_table[table_index].head;
-    for (struct list_head *p = bucket->next, *n = p->next; p != bucket; p = n, n = p->next) {
+    struct list_head *p, *n;
+    list_for_each_safe(p, n, &mac_hash_table[table_index].head) {
         auto *entry = list_entry(p, struct user_entry, user_list);
         if (!portal_user_matches(entry, sta_mac, ssid_profile_name))
             continue;
@@ -164,6 +162,11 @@ void sta_assoc(const struct sarnet_sta_info *sta, int radioIdx, int wlanIdx)
             TRACE("the mac %s cannot sending accounting start because search radius fail\n", sta_mac);
             return;
         }
+        // Converted for each entry, as a device MAC it cannot read is
+        // reported (and seen on the console) with each session it would name.
+        char ap_mac[MAC_TEXT_SIZE];
+        memset(ap_mac, 0, sizeof ap_mac);
+        change_mac_format(ap_mac, global_ap_mac);
         accounting_msg_t msg;
         memset(&msg, 0, sizeof msg);
         copy_text(msg.calling_station_id, sizeof msg.calling_station_id, sta_mac);
@@ -173,18 +176,20 @@ void sta_assoc(const struct sarnet_sta_info *sta, int radioIdx, int wlanIdx)
     }
 }
 
-void sta_ip(const struct sarnet_event *ev, size_t payload_len)
+// payload holds the payload_len bytes of the event that ev copies.
+void sta_ip(const unsigned char *payload, size_t payload_len, const struct sarnet_event *ev)
 {
-    // The address stands where the record's own header says; it must lie
-    // inside both the record and what the driver sent.
-    size_t at = ev->data.hdr.len;
-    if (at + 4 > sizeof ev->data || offsetof(sarnet_event, data) + at + 4 > payload_len)
+    // The address stands where the record's own header says, wherever that
+    // is inside what the driver sent, the record's own end not withstanding.
+    size_t at = offsetof(sarnet_event, data) + ev->data.hdr.len;
+    if (at + 4 > payload_len)
         return;
-    char sta_mac[18];
-    mac_canonical(sta_mac, ev->data.u.sta.macaddr);
+    char sta_mac[MAC_TEXT_SIZE];
+    mac_bytes_to_text(sta_mac, ev->data.u.sta.macaddr);
     struct in_addr ip;
-    memcpy(&ip, reinterpret_cast<const char *>(&ev->data) + at, sizeof ip);
-    for (struct list_head *p = mac_address_header.next; p != &mac_address_header; p = p->next) {
+    memcpy(&ip, payload + at, sizeof ip);
+    struct list_head *p;
+    list_for_each(p, &mac_address_header) {
         auto *node = list_entry(p, struct accounting_node, address_sorting_list);
         struct user_node_info *user = node->self->user;
         TRACE("node mac is: %s\n sta mac is: %s\n", user->user_mac, sta_mac);
@@ -236,7 +241,7 @@ void accounting_sta_disassoc(const unsigned char *e, size_t payload_len, const c
         break;
     case SARNET_CMD_STA_IP:
         if (is_cloud)
-            sta_ip(&ev, payload_len);
+            sta_ip(e, payload_len, &ev);
         break;
     default:
         break;

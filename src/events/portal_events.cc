@@ -3,10 +3,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "database/accounting_db_api.h"
+#include "database/profiles.h"
 #include "events/profile_events.h"
 #include "frame/console.h"
-#include "frame/control.h"
+#include "frame/domain_socket.h"
 #include "frame/meterd.h"
 
 // The walk reports under the name of the loop that runs it.

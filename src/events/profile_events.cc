@@ -1,9 +1,9 @@
 #include "events/profile_events.h"
 
-#include "database/accounting_db_api.h"
-#include "delivery/queues.h"
+#include "database/nodes.h"
+#include "database/profiles.h"
+#include "delivery/transaction.h"
 #include "frame/console.h"
-#include "frame/memory.h"
 #include "radius/radius_send_recieve.h"
 
 // These arms report under the name of the loop that runs them.
@@ -26,16 +26,12 @@ void profile_take_down(struct accounting_radius *radius)
     // of service: the operator asked for it to go, and a profile left in
     // place would keep accounting its sessions.
     struct accounting_node *node = add_new_node_for_on_off(radius);
-    if (node) {
-        send_accounting(node, ACCOUNTING_OFF);
-        insert_node_to_queue(node, QUEUE_TYPE_REQUEST);
-    }
+    if (node)
+        transaction_begin(node, ACCOUNTING_OFF);
     remove_radius(radius);
-    if (!node && radius->on_off_count == 0) {
-        // Nothing will ever end a transaction for it: release it now.
-        empty_radius_profile(radius);
-        mtr_free(radius);
-    }
+    // No transaction of its own will ever end and release it: it goes now.
+    if (!node && radius_profile_idle(radius))
+        free_radius_profile(radius);
 }
 
 void accounting_event_ac_ip_change(const struct ovat_ac_ip_change *ev)
@@ -69,16 +65,14 @@ void profile_bring_up(const char *interface, const struct ovat_config_event *ev,
         return;
     }
     struct accounting_node *node = add_new_node_for_on_off(radius);
-    if (!node)
-        return;
-    send_accounting(node, ACCOUNTING_ON);
-    insert_node_to_queue(node, QUEUE_TYPE_REQUEST);
+    if (node)
+        transaction_begin(node, ACCOUNTING_ON);
 }
 
 void ovat_exit_remove_radius_all(void)
 {
-    struct list_head *head = &total_radius_server_header;
-    for (struct list_head *p = head->next, *next = p->next; p != head; p = next, next = p->next) {
+    struct list_head *p, *next;
+    list_for_each_safe(p, next, &total_radius_server_header) {
         auto *radius = list_entry(p, struct accounting_radius, total_radius_server);
         struct accounting_node *node = add_new_node_for_on_off(radius);
         if (!node)

@@ -5,9 +5,9 @@
 #include <cstring>
 
 #include "database/accounting_db_api.h"
-#include "delivery/queues.h"
+#include "database/nodes.h"
+#include "delivery/transaction.h"
 #include "frame/console.h"
-#include "radius/radius_send_recieve.h"
 
 namespace {
 
@@ -28,8 +28,6 @@ int accounting_stop_by_mac(struct accounting_node *node, int type, conn_t *statu
     struct user_accounting_info *self = node->self;
     if (!self->user->accounting_start) {
         // Never started: the server has not heard of it and need not.
-        queue_remove(node);
-        free_accounting_msg(self);
         free_accounting_node(node);
         return 0;
     }
@@ -40,18 +38,16 @@ int accounting_stop_by_mac(struct accounting_node *node, int type, conn_t *statu
     // request, the Stop is composed anew.
     queue_remove(node);
     free_accounting_msg(self);
-    send_accounting(node, ACCOUNTING_STOP);
-    insert_node_to_queue(node, QUEUE_TYPE_REQUEST);
+    transaction_begin(node, ACCOUNTING_STOP);
     ip_address_table_remove(node);
     return 0;
 }
 
 int accounting_update_tx_rx(const char *mac, int type, const conn_t *status)
 {
-    struct list_head *head =
-        type == PROFILE_TYPE_NORMAL ? &mac_address_header : &portal_mac_address_header;
     int found = 0;
-    for (struct list_head *p = head->next; p != head; p = p->next) {
+    struct list_head *p;
+    list_for_each(p, session_list(type)) {
         auto *node = list_entry(p, struct accounting_node, address_sorting_list);
         struct user_accounting_info *self = node->self;
         if (strcmp(self->user->user_mac, mac) != 0)

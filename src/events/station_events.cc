@@ -5,17 +5,18 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 
-#include <cctype>
 #include <cstdio>
 #include <cstring>
 
 #include "database/accounting_db_api.h"
-#include "delivery/queues.h"
+#include "database/mac_text.h"
+#include "database/nodes.h"
+#include "database/profiles.h"
+#include "delivery/transaction.h"
 #include "events/driver_events.h"
 #include "frame/console.h"
-#include "frame/control.h"
+#include "frame/domain_socket.h"
 #include "frame/meterd.h"
-#include "radius/radius_send_recieve.h"
 
 namespace {
 
@@ -81,13 +82,11 @@ void station_report_input(const void *data, size_t len)
     }
     memcpy(&sta_msg, data, sizeof sta_msg);
     TRACE("receive ip change socket, ip : %s\n", inet_ntoa(sta_msg.client_ip));
-    char mac[18];
-    const unsigned char *m = sta_msg.mac;
-    snprintf(mac, sizeof mac, "%02x-%02x-%02x-%02x-%02x-%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-    for (char *c = mac; *c; c++)
-        *c = static_cast<char>(toupper(static_cast<unsigned char>(*c)));
+    char mac[MAC_TEXT_SIZE];
+    mac_bytes_to_text(mac, sta_msg.mac);
 
-    for (struct list_head *p = ip_change_header.next; p != &ip_change_header; p = p->next) {
+    struct list_head *p;
+    list_for_each(p, &ip_change_header) {
         auto *node = list_entry(p, struct accounting_node, ip_change_list);
         struct user_node_info *user = node->self->user;
         if (user->accounting_start != 0 || strcmp(user->user_mac, mac) != 0)
@@ -95,8 +94,7 @@ void station_report_input(const void *data, size_t len)
         // Start is composed from the stored address, so both come first.
         user->accounting_start = 1;
         user->user_ip = sta_msg.client_ip;
-        send_accounting(node, ACCOUNTING_START);
-        insert_node_to_queue(node, QUEUE_TYPE_REQUEST);
+        transaction_begin(node, ACCOUNTING_START);
         ip_change_table_remove(node);
         return;
     }

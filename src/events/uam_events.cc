@@ -3,11 +3,13 @@
 #include <cstdio>
 #include <cstring>
 
-#include "database/accounting_db_api.h"
-#include "delivery/queues.h"
+#include "database/mac_text.h"
+#include "database/nodes.h"
+#include "database/portal_users.h"
+#include "database/profiles.h"
+#include "delivery/transaction.h"
 #include "frame/console.h"
 #include "frame/meterd.h"
-#include "radius/radius_send_recieve.h"
 
 namespace {
 
@@ -83,8 +85,7 @@ void local_login(const struct uam_event *e, const struct uam_texts *t)
     if (!node)
         return;
     TRACE("node's session-id is: %s\n", node->self->user->session_id);
-    send_accounting(node, ACCOUNTING_START);
-    insert_node_to_queue(node, QUEUE_TYPE_REQUEST);
+    transaction_begin(node, ACCOUNTING_START);
     // Only now: until then the Start is composed with the looked-up address.
     node->self->user->accounting_start = 1;
 }

@@ -4,8 +4,9 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "database/accounting_db_api.h"
+#include "database/portal_users.h"
 #include "delivery/scheduler.h"
+#include "delivery/transaction.h"
 #include "events/portal_events.h"
 #include "events/station_events.h"
 #include "events/uam_events.h"
@@ -53,6 +54,7 @@ int meterd_main(int argc, char **argv)
         fprintf(stderr, "Meter-Daemon is finished\n");
         return -1;
     }
+    transaction_init();
     if (init_meterd_db() == -1) {
         fprintf(stderr, "meter-daemon init failed!(accounting database init fail)\n");
         fprintf(stderr, "Meter-Daemon is finished\n");

@@ -1,12 +1,12 @@
-// Composition of Accounting-Requests: which attributes a packet carries, in
-// which order and from which field, then the signature. Runs with `mutex`
-// held by the caller of send_accounting, which guards request_id, the node
-// and its profile.
+// Composition of Accounting-Requests.
+#include "radius/compose.h"
+
 #include <arpa/inet.h>
 
 #include <cstring>
 
-#include "database/accounting_db_api.h"
+#include "database/nodes.h"
+#include "database/profiles.h"
 #include "frame/clock.h"
 #include "frame/console.h"
 #include "frame/memory.h"
@@ -61,10 +61,11 @@ void add_address(AUTH_HDR *req, uint8_t type, struct in_addr addr)
 
 // Framed-IP-Address. A Stop, and the Start that follows the station's IP
 // report, carry the stored address as it is; every other packet asks the
-// device afresh and writes the answer back into the session, so a failed
-// lookup leaves 0.0.0.0 for a later Stop.
-void add_framed_ip(AUTH_HDR *req, struct user_node_info *user, int status)
+// device afresh, at this point of the packet, and carries nothing when the
+// device does not know.
+void add_framed_ip(AUTH_HDR *req, struct accounting_node *node, int status)
 {
+    struct user_node_info *user = node->self->user;
     if (status == ACCOUNTING_STOP || (status == ACCOUNTING_START && user->accounting_start == 1)) {
         char text[INET_ADDRSTRLEN] = "";
         inet_ntop(AF_INET, &user->user_ip, text, sizeof text);
@@ -73,8 +74,9 @@ void add_framed_ip(AUTH_HDR *req, struct user_node_info *user, int status)
         add_address(req, RADIUS_ATTR_FRAMED_IP_ADDRESS, user->user_ip);
         return;
     }
-    if (whal_getip(user->user_mac, &user->user_ip) != 0)
-        add_address(req, RADIUS_ATTR_FRAMED_IP_ADDRESS, user->user_ip);
+    struct in_addr ip;
+    if (radius_client()->address(node, &ip) != 0)
+        add_address(req, RADIUS_ATTR_FRAMED_IP_ADDRESS, ip);
 }
 
 // NAS-IP-Address. With neither an address nor an identifier the node takes
@@ -102,7 +104,7 @@ void add_head(AUTH_HDR *req, struct accounting_node *node, int status)
         TRACE("user mac:%s\n", user->user_mac);
         TRACE("session id:%s\n", user->session_id);
         add_text(req, RADIUS_ATTR_USER_NAME, user->user_name);
-        add_framed_ip(req, user, status);
+        add_framed_ip(req, node, status);
         add_text(req, RADIUS_ATTR_ACCT_SESSION_ID, user->session_id);
     }
     radius_msg_add_attr_int32(req, RADIUS_ATTR_ACCT_STATUS_TYPE, status);
@@ -161,28 +163,6 @@ void add_tail(AUTH_HDR *req, struct accounting_node *node, int status)
     accounting_report_sta(node, status, req);
 }
 
-// The secret of the server the transport will send to. A selector outside
-// 1 and 2 (a profile that gained a server after the node was made) is sent
-// to the backup, so it is signed for the backup if there is one.
-const char *signing_secret(const struct user_accounting_info *self)
-{
-    const struct accounting_radius *radius = self->acct_radius;
-    if (!radius)
-        return nullptr;
-    switch (self->server) {
-    case SERVER_PRIMARY:
-        return radius->primary_server ? radius->primary_server->secret : nullptr;
-    case SERVER_BACKUP:
-        return radius->backup_server ? radius->backup_server->secret : nullptr;
-    default:
-        if (radius->backup_server)
-            return radius->backup_server->secret;
-        if (radius->primary_server)
-            return radius->primary_server->secret;
-        return nullptr;
-    }
-}
-
 }  // namespace
 
 int get_termination_cause(int uam_logout_cause, const char **reason)
@@ -209,19 +189,16 @@ int accounting_report_sta(struct accounting_node *node, int status, AUTH_HDR *re
     radius_msg_add_attr_int32(request, RADIUS_ATTR_ACCT_SESSION_TIME,
                               static_cast<int>(session_time));
 
-    if (status == ACCOUNTING_INTERIM) {
-        // A failed lookup stores 0 in both counters, and a later Stop sends them.
-        char rrm_mac[18];
-        memset(rrm_mac, 0, sizeof rrm_mac);
-        change_mac_to_rrm_format(rrm_mac, user->user_mac);
-        get_connection_status_by_ip(rrm_mac, &self->conn_tx_rx_status);
-    }
+    // A Stop reports what the session stored; an Interim-Update asks the device now.
+    conn_t counters = self->conn_tx_rx_status;
+    if (status == ACCOUNTING_INTERIM)
+        radius_client()->counters(node, &counters);
     if (status == ACCOUNTING_STOP || status == ACCOUNTING_INTERIM) {
         // No Gigawords attributes: only the low 32 bits travel.
         radius_msg_add_attr_int32(request, RADIUS_ATTR_ACCT_INPUT_OCTETS,
-                                  static_cast<int>(static_cast<uint32_t>(self->conn_tx_rx_status.rx)));
+                                  static_cast<int>(static_cast<uint32_t>(counters.rx)));
         radius_msg_add_attr_int32(request, RADIUS_ATTR_ACCT_OUTPUT_OCTETS,
-                                  static_cast<int>(static_cast<uint32_t>(self->conn_tx_rx_status.tx)));
+                                  static_cast<int>(static_cast<uint32_t>(counters.tx)));
     }
     // Read anew: the lookups above may have taken their time.
     radius_msg_add_attr_int32(request, RADIUS_ATTR_EVENT_TIMESTAMP,
@@ -249,9 +226,10 @@ int accounting_msg(struct accounting_node *node, int status)
     add_head(req, node, status);
     add_tail(req, node, status);
 
-    const char *secret = signing_secret(self);
-    if (secret)
-        get_accounting_vector(req, secret);
+    // send_accounting composes only for a node whose server exists.
+    const radius_server *server = node_server(self);
+    if (server)
+        get_accounting_vector(req, server->secret);
 
     self->request = req;
     return 0;

@@ -1,5 +1,7 @@
 // Packet operations: appending attributes, finding them, and the RFC 2866
-// Request and Response Authenticators. They touch only their arguments.
+// Request and Response Authenticators.
+#include "radius/radius_msg.h"
+
 #include <arpa/inet.h>
 
 #include <cstdio>
@@ -7,7 +9,6 @@
 #include <cstring>
 
 #include "radius/md5.h"
-#include "radius/radius_send_recieve.h"
 
 namespace {
 

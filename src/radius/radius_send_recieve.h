@@ -1,8 +1,10 @@
-// The RADIUS client: the packet record and its operations, composition of
-// Accounting-Requests, the UDP transport and the response thread.
+// The RADIUS client's traffic: the one UDP socket, the sending of a node's
+// request and the response thread. What the client needs to know of the
+// requests in flight it asks of their owner, the delivery engine, through
+// the functions that owner registers.
 //
-// Packet operations touch only their arguments. Everything else expects the
-// caller to hold the global `mutex`, except the thread entry and
+// Everything expects the caller to hold the global `mutex`, except
+// radius_init (before the threads), the thread entry and
 // radius_response_input, which take it themselves.
 #ifndef METERD_RADIUS_RADIUS_SEND_RECIEVE_H
 #define METERD_RADIUS_RADIUS_SEND_RECIEVE_H
@@ -13,114 +15,27 @@
 #include <cstdint>
 
 #include "database/accounting.h"
+#include "radius/radius_msg.h"
 
-#ifndef ACCOUNTING_VENDOR_ID
-#define ACCOUNTING_VENDOR_ID 32473  // RFC 5612 documentation number
-#endif
-
-enum {
-    RADIUS_CODE_ACCOUNTING_REQUEST = 4,
-    RADIUS_HDR_LEN = 20,
-    RADIUS_DATA_LEN = 1024,
-    RADIUS_BUF_LEN = RADIUS_HDR_LEN + RADIUS_DATA_LEN,  // 1044
-    RADIUS_RECV_LEN = 1024,
-    RADIUS_ATTR_MAX_VALUE = 128,
+// What the client asks of the owner of the requests. Each runs under `mutex`.
+struct radius_client_ops {
+    // The node whose stored request waits for the answer with Identifier id,
+    // or NULL.
+    struct accounting_node *(*find)(int id);
+    // A verified answer to node's stored request, whose Acct-Status-Type is
+    // status, from server.
+    void (*answered)(struct accounting_node *node, uint32_t status, const radius_server *server);
+    // The station's address for a packet being composed: non-zero with *ip
+    // set, else 0 and nothing to send.
+    int (*address)(struct accounting_node *node, struct in_addr *ip);
+    // The station's byte counters for an Interim-Update being composed.
+    void (*counters)(struct accounting_node *node, conn_t *counters);
 };
+// Registered once, before any request is sent or any answer read.
+void radius_client_register(const struct radius_client_ops *ops);
+// The registered owner.
+const struct radius_client_ops *radius_client(void);
 
-// RADIUS attribute types sent by the daemon.
-enum {
-    RADIUS_ATTR_USER_NAME = 1,
-    RADIUS_ATTR_NAS_IP_ADDRESS = 4,
-    RADIUS_ATTR_NAS_PORT = 5,
-    RADIUS_ATTR_FRAMED_IP_ADDRESS = 8,
-    RADIUS_ATTR_CLASS = 25,
-    RADIUS_ATTR_VENDOR_SPECIFIC = 26,
-    RADIUS_ATTR_CALLED_STATION_ID = 30,
-    RADIUS_ATTR_CALLING_STATION_ID = 31,
-    RADIUS_ATTR_NAS_IDENTIFIER = 32,
-    RADIUS_ATTR_ACCT_STATUS_TYPE = 40,
-    RADIUS_ATTR_ACCT_INPUT_OCTETS = 42,
-    RADIUS_ATTR_ACCT_OUTPUT_OCTETS = 43,
-    RADIUS_ATTR_ACCT_SESSION_ID = 44,
-    RADIUS_ATTR_ACCT_AUTHENTIC = 45,
-    RADIUS_ATTR_ACCT_SESSION_TIME = 46,
-    RADIUS_ATTR_ACCT_TERMINATE_CAUSE = 49,
-    RADIUS_ATTR_EVENT_TIMESTAMP = 55,
-    RADIUS_ATTR_NAS_PORT_TYPE = 61,
-};
-
-// A packet: at once the wire format and the buffer it is built in. Only the
-// first `length` bytes are the packet.
-typedef struct pw_auth_hdr {
-    u_char code;
-    uint8_t id;
-    u_short length;  // network byte order
-    u_char vector[16];
-    u_char data[RADIUS_DATA_LEN];
-} AUTH_HDR;
-static_assert(sizeof(AUTH_HDR) == 1044, "packet buffer is 1044 bytes");
-static_assert(offsetof(AUTH_HDR, length) == 2, "layout");
-static_assert(offsetof(AUTH_HDR, vector) == 4, "layout");
-static_assert(offsetof(AUTH_HDR, data) == 20, "layout");
-
-// Overlay of one attribute inside `data`; alignment 1, so any position is fine.
-typedef struct attribute_s {
-    uint8_t attribute;
-    uint8_t length;  // header included
-    unsigned char data[RADIUS_ATTR_MAX_VALUE];
-} attribute_t;
-
-typedef struct vendor_s {
-    uint8_t vendor;
-    uint8_t length;
-    unsigned char data[RADIUS_ATTR_MAX_VALUE];
-} vendor_t;
-static_assert(alignof(attribute_t) == 1 && alignof(vendor_t) == 1, "overlays need alignment 1");
-
-// --- packet operations (radius_msg.cc) ---
-void radius_msg_add_attr(AUTH_HDR *request, uint8_t type, const unsigned char *data, size_t length);
-void radius_msg_add_attr_int32(AUTH_HDR *request, unsigned char type, int data);
-void radius_msg_add_vendor_attr(AUTH_HDR *request, unsigned int vendor, uint8_t subtype,
-                                const unsigned char *data, size_t length);
-// First attribute of that type within the packet's length, or NULL.
-attribute_t *radius_msg_find_attr(AUTH_HDR *response, unsigned short type);
-// 0 with *value in host order, or -1 (value untouched) if absent.
-int radius_msg_get_attr_int32(AUTH_HDR *msg, unsigned short type, uint32_t *value);
-// Writes the RFC 2866 Request Authenticator; may be repeated with another secret.
-void get_accounting_vector(AUTH_HDR *request, const char *secret);
-// 0 if the Response Authenticator of response is right for request, else -1.
-// response is a receive buffer of RADIUS_RECV_LEN bytes; its vector is
-// overwritten with the request's.
-int verify_packet(const char *secret, AUTH_HDR *response, const AUTH_HDR *request);
-
-// --- composition (compose.cc) ---
-extern uint8_t request_id;
-extern unsigned short local_port;
-
-typedef struct termination_cause_s {
-    int uam_event;
-    int acct_termination_cause;
-    const char *reason;
-} termination_cause_t;
-
-// Acct-Terminate-Cause of each uam_logout_cause, searched first row first.
-enum { TERMINATION_CAUSE_COUNT = 7 };
-extern const termination_cause_t termination_cause_array[TERMINATION_CAUSE_COUNT];
-
-// Builds and signs a new request for node and status into node->self->request.
-// 0, or -1 when no memory could be had (the node then holds no request).
-int accounting_msg(struct accounting_node *node, int status);
-int accounting_report_sta(struct accounting_node *node, int status, AUTH_HDR *request);
-// Acct-Terminate-Cause for a logout cause, or 0 (reason untouched).
-int get_termination_cause(int uam_logout_cause, const char **reason);
-
-// --- station look-ups (lookups.cc), used by composition only ---
-// Non-zero with *ip set to the station's address, else 0 and *ip 0.0.0.0.
-int whal_getip(const char *stamac, struct in_addr *ip);
-// Always 0; both counters set, or both 0.
-int get_connection_status_by_ip(const char *user_mac, conn_t *status);
-
-// --- transport (transport.cc) ---
 extern int sockfd;
 
 // The send seam: every datagram leaves through this function. Tests replace it.
@@ -128,16 +43,19 @@ using radius_sendto_fn = ssize_t (*)(int fd, const void *buf, size_t len,
                                      const struct sockaddr_in *to);
 extern radius_sendto_fn radius_sendto;
 
+// Opens and binds the socket: 0, or -1 with the message on stderr.
 int radius_init(void);
-// 0 if the datagram was handed to the system, -1 if not.
+// Sends node's stored request, composed first if it holds none, to the
+// server that node_server names. 0 if the datagram was handed to the
+// system, -1 if not.
 int send_accounting(struct accounting_node *node, int status);
 // 0 if a datagram of 1..1023 bytes now stands in response, else -1.
 int radius_recv(AUTH_HDR *response);
 
-// --- response processing (response.cc) ---
 // One accepted datagram standing in the thread's receive buffer, of which
 // only the first RADIUS_RECV_LEN bytes are ever read; a short datagram leaves
-// the earlier bytes in place. Matches, verifies and moves the node on.
+// the earlier bytes in place. Matches it to its request, verifies it and
+// hands it to the owner.
 // Takes `mutex` itself for the event.
 void radius_response_input(AUTH_HDR *response);
 void *do_response_receive(void *argv);

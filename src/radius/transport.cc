@@ -1,5 +1,7 @@
 // The daemon's one UDP socket: every request to every server leaves through
 // it and every response comes in on it.
+#include "radius/radius_send_recieve.h"
+
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <sys/socket.h>
@@ -9,8 +11,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "database/profiles.h"
 #include "frame/console.h"
-#include "radius/radius_send_recieve.h"
+#include "radius/compose.h"
 
 int sockfd = -1;
 
@@ -35,9 +38,21 @@ int host2server(radius_server *server)
     return -1;
 }
 
+const struct radius_client_ops *client_ops = nullptr;
+
 }  // namespace
 
 radius_sendto_fn radius_sendto = system_sendto;
+
+void radius_client_register(const struct radius_client_ops *ops)
+{
+    client_ops = ops;
+}
+
+const struct radius_client_ops *radius_client(void)
+{
+    return client_ops;
+}
 
 int radius_init(void)
 {
@@ -59,16 +74,11 @@ int radius_init(void)
 int send_accounting(struct accounting_node *node, int status)
 {
     struct user_accounting_info *self = node->self;
-    radius_server *server;
-    if (self->server == SERVER_PRIMARY) {
-        server = self->acct_radius->primary_server;
-        if (server)
-            TRACE("srv host name is: %s\n", server->hostname);
-    } else {
-        server = self->acct_radius->backup_server;
-        if (server)
-            TRACE("backup srv name is: %s\n", server->hostname);
-    }
+    radius_server *server = node_server(self);
+    if (server && self->server == SERVER_PRIMARY)
+        TRACE("srv host name is: %s\n", server->hostname);
+    else if (server)
+        TRACE("backup srv name is: %s\n", server->hostname);
     if (!server) {
         TRACE_AT("radius_send_recieve", __func__, "internal error, miss radius server\n");
         return -1;

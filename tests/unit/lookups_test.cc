@@ -8,7 +8,9 @@
 #include <tuple>
 #include <utility>
 
-#include "radius/radius_send_recieve.h"
+#include "radius/compose.h"
+#include "radius/radius_msg.h"
+#include "platform/station_lookups.h"
 #include "sim_env.h"
 
 // A known station's answers reach FreeRADIUS in the system tests, and an

@@ -5,6 +5,8 @@
 
 #include <vector>
 
+#include "radius/compose.h"
+#include "radius/radius_msg.h"
 #include "radius/radius_send_recieve.h"
 
 TEST(PacketBounds, WritingPastTheBufferAbortsInsteadInEveryBuildType)

@@ -6,8 +6,16 @@
 #include <iterator>
 
 #include "database/accounting_db_api.h"
+#include "database/mac_text.h"
+#include "database/nodes.h"
+#include "database/portal_users.h"
+#include "database/profiles.h"
+#include "database/session_id.h"
+#include "delivery/transaction.h"
 #include "frame/clock.h"
 #include "frame/console.h"
+#include "radius/compose.h"
+#include "radius/radius_msg.h"
 #include "radius/radius_send_recieve.h"
 
 namespace testenv {
@@ -43,6 +51,7 @@ void DbTest::SetUp()
     testenv::sent.clear();
     mtr_set_clock([] { return testenv::now; });
     radius_sendto = capture_send;
+    transaction_init();
     console_path = console_file.c_str();
     debug = 1;
     is_cloud = 1;

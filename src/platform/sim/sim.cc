@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "database/accounting_db_api.h"
+#include "database/accounting.h"
 #include "frame/meterd.h"
 #include "platform/platform.h"
 

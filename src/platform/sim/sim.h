@@ -13,7 +13,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "database/accounting_db_api.h"
+#include "database/accounting.h"
+#include "database/mac_text.h"
 
 #define SIM_DEFAULT_ROOT "/tmp/devsim"
 #define SIM_DEFAULT_MAC "02:00:00:00:00:01"

@@ -1,7 +1,7 @@
-// Station look-ups at composition time: the address through the device
-// shell, the byte counters through the statistics database. Both run with
-// `mutex` held by the composer and block every other thread meanwhile;
-// nothing is cached, so every packet carries what the device says now.
+// Station look-ups: the address through the device shell, the byte counters
+// through the statistics database.
+#include "platform/station_lookups.h"
+
 #include <arpa/inet.h>
 
 #include <cerrno>
@@ -10,10 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "database/accounting.h"
 #include "frame/console.h"
 #include "platform/platform.h"
-#include "radius/radius_send_recieve.h"
 
 namespace {
 

@@ -1,0 +1,54 @@
+// Unix datagram sockets, shared by the threads of the local peers.
+#include "frame/domain_socket.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "database/accounting.h"
+
+int domain_socket_create(const char *domain_sock_file, struct sockaddr_un *addr)
+{
+    int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    if (fd < 0)
+        return -1;
+    memset(addr, 0, sizeof *addr);
+    addr->sun_family = AF_UNIX;
+    copy_text(addr->sun_path, sizeof addr->sun_path, domain_sock_file);
+    unlink(domain_sock_file);
+    if (bind(fd, reinterpret_cast<struct sockaddr *>(addr), sizeof *addr) < 0) {
+        close(fd);
+        return -2;
+    }
+    return fd;
+}
+
+ssize_t domain_socket_recvfrom(int sockfd, void *msg, size_t msglen, struct sockaddr_un *src_addr)
+{
+    socklen_t addrlen = sizeof *src_addr;
+    return recvfrom(sockfd, msg, msglen, 0, reinterpret_cast<struct sockaddr *>(src_addr), &addrlen);
+}
+
+void domain_socket_serve(const char *path, void *rec, void *buf, size_t size, const char *thread,
+                         void (*input)(void *rec, const void *data, size_t len))
+{
+    struct sockaddr_un addr;
+    int fd = domain_socket_create(path, &addr);
+    if (fd < 0)
+        return;
+    // Cleared once, so that a short first datagram reads zeros rather than
+    // whatever the stack held; later datagrams keep the documented carry-over.
+    memset(rec, 0, size);
+    for (;;) {
+        struct sockaddr_un from;
+        ssize_t n = domain_socket_recvfrom(fd, buf, size, &from);
+        if (n == -1) {
+            fprintf(stderr, "%s-%s-%d: msgrcv fail!!\n", "accounting", thread, __LINE__);
+            fprintf(stderr, "size: %zu\n", size);
+            perror("msgrcv");
+            continue;
+        }
+        input(rec, buf, static_cast<size_t>(n));
+    }
+}
