@@ -1,6 +1,12 @@
 // Station thread inputs as raw bytes: what the driver, the authenticator
 // and the HAL can send that the system tests cannot easily shape.
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <string>
 
 #include <cstring>
 #include <vector>
@@ -14,6 +20,7 @@
 #include "events/driver_events.h"
 #include "events/session_stop.h"
 #include "events/station_events.h"
+#include "frame/console.h"
 #include "frame/meterd.h"
 #include "radius/compose.h"
 #include "radius/radius_msg.h"
@@ -81,9 +88,10 @@ TEST_F(Station, StopOfEachKindOfSession)
     EXPECT_EQ(testenv::sent.size(), 0u);
 
     struct accounting_node *n = session(true);  // the Start stays unanswered
-    feed(nl_event(SARNET_CMD_STA_COUNTERS, "wlan-1-1", 5, 0));  // a zero in the pair: kept as is
     feed(nl_event(SARNET_CMD_STA_COUNTERS, "wlan-1-1", 700, 900));
+    feed(nl_event(SARNET_CMD_STA_COUNTERS, "wlan-1-1", 5, 0));  // a zero in the pair: not stored
     EXPECT_EQ(n->self->conn_tx_rx_status.tx, 700u);
+    EXPECT_EQ(n->self->conn_tx_rx_status.rx, 900u);
     feed(nl_event(SARNET_CMD_STA_DISASSOC, "wlan-1-2"));  // another interface
     EXPECT_EQ(testenv::sent.size(), 1u);
     feed(nl_event(SARNET_CMD_STA_DISASSOC, "wlan-1-1"));
@@ -110,12 +118,23 @@ TEST_F(Station, DriverDatagramsAreReadOnlyWithinTheirBytes)
     feed(bad);
     bad[SARNET_ATTR_OFFSET] = 0xff;  // past the message
     feed(bad);
-    // Names that give no indexes (br0), the WLAN that never stops, and an
-    // OWE WLAN without its record: all dropped.
-    for (const char *name : {"br0", "wlan-1-10", "wlan-1-14"})
+    // A name that gives no indexes, and an OWE WLAN without its record: dropped.
+    for (const char *name : {"br0", "wlan-1-14"})
         feed(nl_event(SARNET_CMD_STA_DISASSOC, name));
     EXPECT_FALSE(stopped());
     EXPECT_NE(n->self->user->accounting_start, 0);
+    // The tenth WLAN never stops a session, even one that runs there.
+    make_profile("wlan-1-10", "127.0.0.1", "k");
+    accounting_msg_t m = login_record("dave", "aa:bb:cc:dd:ee:01", "wlan-1-10");
+    station_login_input(&m, sizeof m);
+    report();
+    feed(nl_event(SARNET_CMD_STA_DISASSOC, "wlan-1-10"));
+    EXPECT_EQ(list_length(&mac_address_header), 2u);
+    // Index tokens beyond int are cut to it rather than left undefined.
+    int radio = 0, wlan = 0;
+    EXPECT_EQ(getInterfaceIdx("x-1-2147483648", &radio, &wlan), 1);
+    EXPECT_EQ(wlan, INT_MAX - 1);
+    free_accounting_node(list_entry(mac_address_header.prev, struct accounting_node, address_sorting_list));
 
     // A short message of another type ahead of the event: skipped, event served.
     std::vector<uint8_t> two(16);
@@ -148,6 +167,44 @@ TEST_F(Station, CloudAssociationAddressAndOweRule)
         feed(ip);
     }
     EXPECT_EQ(s->self->user->user_ip.s_addr, inet_addr("10.0.0.9"));
+    // The offset may lead past the record, as long as the address lies within
+    // what the driver sent.
+    std::vector<uint8_t> longer = ip;
+    longer.resize(ip.size() + 8);
+    uint32_t total = static_cast<uint32_t>(longer.size());
+    uint16_t attr = static_cast<uint16_t>(4 + sizeof(sarnet_event) + 8), at = 194;
+    memcpy(&longer[0], &total, 4);
+    memcpy(&longer[SARNET_ATTR_OFFSET], &attr, 2);
+    memcpy(&longer[req], &at, 2);
+    memcpy(&longer[req + 194], "\x0a\x00\x00\x0b", 4);
+    feed(longer);
+    EXPECT_EQ(s->self->user->user_ip.s_addr, inet_addr("10.0.0.11"));
+}
+
+TEST_F(Station, UnreadableDeviceMacIsReportedWithEachSessionItWouldName)
+{
+    // Every console line, not just the last: the console is a pipe we hold open.
+    std::string fifo = dev.dir() + "/console";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    int rd = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+    console_path = fifo.c_str();
+    is_cloud = 1;
+    char saved[sizeof global_ap_mac];
+    memcpy(saved, global_ap_mac, sizeof saved);
+    global_ap_mac[0] = '\0';
+    make_profile("wlan-1-3", "127.0.0.1", "k", "", "", PROFILE_TYPE_PORTAL);
+    portal_user_add("aa:bb:cc:dd:ee:01", "carol", "Guest", "SSID3");
+    portal_user_add("aa:bb:cc:dd:ee:01", "carol", "Guest", "SSID3");
+    feed(nl_event(SARNET_CMD_STA_ASSOC, "wlan-1-3"));
+    memcpy(global_ap_mac, saved, sizeof saved);
+    char buf[65536];
+    ssize_t n = read(rd, buf, sizeof buf);
+    close(rd);
+    std::string out(buf, n > 0 ? static_cast<size_t>(n) : 0);
+    size_t count = 0;
+    for (size_t at = out.find("unknow format !!!"); at != std::string::npos; at = out.find("unknow format !!!", at + 1))
+        count++;
+    EXPECT_EQ(count, 2u);
 }
 
 }  // namespace
