@@ -38,21 +38,9 @@ int host2server(radius_server *server)
     return -1;
 }
 
-const struct radius_client_ops *client_ops = nullptr;
-
 }  // namespace
 
 radius_sendto_fn radius_sendto = system_sendto;
-
-void radius_client_register(const struct radius_client_ops *ops)
-{
-    client_ops = ops;
-}
-
-const struct radius_client_ops *radius_client(void)
-{
-    return client_ops;
-}
 
 int radius_init(void)
 {
