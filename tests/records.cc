@@ -134,6 +134,7 @@ void clear_database()
     mtr_alloc_fail_at(0);
     drain(&request_queue_header);
     drain(&fail_queue_header);
+    drain(&id_wait_header);
     while (!list_empty(&total_interim_queue_header)) {
         auto *q = reinterpret_cast<interim_queue *>(total_interim_queue_header.next);
         drain(&q->interim_queue_header);

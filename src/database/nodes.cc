@@ -13,6 +13,7 @@
 #include "database/session_id.h"
 #include "frame/clock.h"
 #include "frame/console.h"
+#include "frame/extensions.h"
 #include "frame/memory.h"
 #include "frame/meterd.h"
 
@@ -151,6 +152,19 @@ struct accounting_node *add_new_node_for_on_off(struct accounting_radius *radius
     radius->on_off_count++;
     node->self->report_time = mtr_time();
     return node;
+}
+
+void store_session_counters(struct user_accounting_info *self, const conn_t *seen)
+{
+    conn_t *stored = &self->conn_tx_rx_status;
+    if (!extension_on(EXT_STEADY_COUNTERS)) {
+        *stored = *seen;
+        return;
+    }
+    if (seen->rx > stored->rx)
+        stored->rx = seen->rx;
+    if (seen->tx > stored->tx)
+        stored->tx = seen->tx;
 }
 
 void free_accounting_msg(struct user_accounting_info *info)

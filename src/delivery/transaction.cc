@@ -8,9 +8,15 @@
 #include "database/profiles.h"
 #include "delivery/queues.h"
 #include "frame/console.h"
+#include "frame/extensions.h"
 #include "platform/station_lookups.h"
+#include "radius/compose.h"
 #include "radius/radius_msg.h"
 #include "radius/radius_send_recieve.h"
+
+// Unique Identifiers only: requests composed while all 256 Identifiers were
+// held, in the order they came, each waiting for one to come free.
+struct list_head id_wait_header = LIST_HEAD_INIT(id_wait_header);
 
 namespace {
 
@@ -46,10 +52,34 @@ void end_node(struct accounting_node *node, bool off_answered, bool trace_count)
 
 // The owner's side of the RADIUS client.
 
+int free_identifier(uint8_t from)
+{
+    uint8_t held[256 / 8] = {0};
+    struct list_head *const queues[] = {&request_queue_header, &fail_queue_header};
+    for (struct list_head *queue : queues) {
+        struct list_head *pos;
+        list_for_each(pos, queue) {
+            const AUTH_HDR *request = list_entry(pos, struct accounting_node, queue)->self->request;
+            if (request)
+                held[request->id / 8] |= static_cast<uint8_t>(1u << (request->id % 8));
+        }
+    }
+    for (int k = 0; k < 256; k++) {
+        uint8_t id = static_cast<uint8_t>(from + k);
+        if (!(held[id / 8] & (1u << (id % 8))))
+            return id;
+    }
+    return -1;
+}
+
 void answered(struct accounting_node *node, uint32_t status, const radius_server *server)
 {
     struct user_accounting_info *self = node->self;
     free_accounting_msg(self);
+    // The budget then belongs to each request, not to the session's life:
+    // the next request starts with its full transmissions again.
+    if (extension_on(EXT_RETRY_PER_REQUEST))
+        self->retry_count = 1;
 
     const char *user_name = self->user ? self->user->user_name : "";
     switch (status) {
@@ -77,6 +107,7 @@ void answered(struct accounting_node *node, uint32_t status, const radius_server
     default:
         break;
     }
+    transaction_release_waiting();
 }
 
 // The address that a packet carries is the session's from then on: a failed
@@ -84,7 +115,11 @@ void answered(struct accounting_node *node, uint32_t status, const radius_server
 int session_address(struct accounting_node *node, struct in_addr *ip)
 {
     struct user_node_info *user = node->self->user;
+    struct in_addr known = user->user_ip;
     int found = whal_getip(user->user_mac, &user->user_ip);
+    // With steady counters a failed look-up keeps what the session knew.
+    if (!found && extension_on(EXT_STEADY_COUNTERS))
+        user->user_ip = known;
     *ip = user->user_ip;
     return found;
 }
@@ -97,11 +132,16 @@ void session_counters(struct accounting_node *node, conn_t *counters)
     char rrm_mac[MAC_TEXT_SIZE];
     memset(rrm_mac, 0, sizeof rrm_mac);
     change_mac_to_rrm_format(rrm_mac, self->user->user_mac);
-    get_connection_status_by_ip(rrm_mac, &self->conn_tx_rx_status);
+    conn_t seen;
+    get_connection_status_by_ip(rrm_mac, &seen);
+    // With steady counters a failed look-up (both 0) keeps them as well.
+    if (!extension_on(EXT_STEADY_COUNTERS) || seen.rx || seen.tx)
+        store_session_counters(self, &seen);
     *counters = self->conn_tx_rx_status;
 }
 
-const struct radius_client_ops owner = {find_request, answered, session_address, session_counters};
+const struct radius_client_ops owner = {find_request, answered, session_address, session_counters,
+                                        free_identifier};
 
 }  // namespace
 
@@ -112,8 +152,30 @@ void transaction_init(void)
 
 void transaction_begin(struct accounting_node *node, int status)
 {
+    struct user_accounting_info *self = node->self;
+    if (extension_on(EXT_UNIQUE_IDS) && !self->request && node_server(self) &&
+        free_identifier(request_id) < 0) {
+        // Composed now, with what the device says now, but it waits for an
+        // Identifier rather than take one that an answer could meet. Without
+        // memory for it the node takes the design's road below.
+        if (accounting_msg(node, status) == 1) {
+            list_move_tail(&node->queue, &id_wait_header);
+            return;
+        }
+    }
     send_accounting(node, status);
     insert_node_to_queue(node, QUEUE_TYPE_REQUEST);
+}
+
+void transaction_release_waiting(void)
+{
+    while (!list_empty(&id_wait_header)) {
+        struct accounting_node *node = list_entry(id_wait_header.next, struct accounting_node, queue);
+        if (accounting_msg_number(node) != 0)
+            return;
+        send_accounting(node, 0);
+        insert_node_to_queue(node, QUEUE_TYPE_REQUEST);
+    }
 }
 
 void transaction_drop(struct accounting_node *node)
@@ -183,6 +245,7 @@ void remove_radius_queue(struct accounting_node *node)
         free_nodes_of(interim, radius, node);
     free_nodes_of(&fail_queue_header, radius, node);
     free_nodes_of(&request_queue_header, radius, node);
+    free_nodes_of(&id_wait_header, radius, node);
 }
 
 void release_radius_profile(struct accounting_node *node)

@@ -24,6 +24,11 @@ void transaction_init(void);
 // for its time-out like one that got no answer.
 void transaction_begin(struct accounting_node *node, int status);
 
+// Unique Identifiers: sends the waiting requests, oldest first, while
+// Identifiers are free. Runs after each answer and each scheduler pass.
+void transaction_release_waiting(void);
+extern struct list_head id_wait_header;
+
 // Frees a due node whose profile has no server, without a packet. An on/off
 // node still counts its profile down, so that a removed profile without
 // servers is released by its last one.

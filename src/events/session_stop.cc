@@ -17,7 +17,7 @@ bool store_counters(struct user_accounting_info *self, const conn_t *status)
 {
     if (status->tx == 0 || status->rx == 0)
         return false;
-    self->conn_tx_rx_status = *status;
+    store_session_counters(self, status);
     return true;
 }
 

@@ -9,6 +9,7 @@
 #include "database/profiles.h"
 #include "frame/clock.h"
 #include "frame/console.h"
+#include "frame/extensions.h"
 #include "frame/memory.h"
 #include "radius/radius_send_recieve.h"
 
@@ -163,6 +164,29 @@ void add_tail(AUTH_HDR *req, struct accounting_node *node, int status)
     accounting_report_sta(node, status, req);
 }
 
+// The Identifier of a new packet, or -1 while it must wait for one. The
+// design takes request_id as it comes, wrapping at 256 whatever is in
+// flight; with unique Identifiers it is the first from there that no
+// request in flight holds, so that an answer can only meet its own request
+// and a server never takes a new request for a duplicate.
+int take_identifier(void)
+{
+    if (!extension_on(EXT_UNIQUE_IDS))
+        return request_id++;
+    int id = radius_client()->free_identifier(request_id);
+    if (id >= 0)
+        request_id = static_cast<uint8_t>(id + 1);
+    return id;
+}
+
+void sign(struct user_accounting_info *self)
+{
+    // send_accounting composes only for a node whose server exists.
+    const radius_server *server = node_server(self);
+    if (server)
+        get_accounting_vector(self->request, server->secret);
+}
+
 }  // namespace
 
 int get_termination_cause(int uam_logout_cause, const char **reason)
@@ -199,6 +223,13 @@ int accounting_report_sta(struct accounting_node *node, int status, AUTH_HDR *re
                                   static_cast<int>(static_cast<uint32_t>(counters.rx)));
         radius_msg_add_attr_int32(request, RADIUS_ATTR_ACCT_OUTPUT_OCTETS,
                                   static_cast<int>(static_cast<uint32_t>(counters.tx)));
+        if (extension_on(EXT_GIGAWORDS)) {
+            // RFC 2869: how many times each counter has passed 2^32.
+            radius_msg_add_attr_int32(request, RADIUS_ATTR_ACCT_INPUT_GIGAWORDS,
+                                      static_cast<int>(static_cast<uint32_t>(counters.rx >> 32)));
+            radius_msg_add_attr_int32(request, RADIUS_ATTR_ACCT_OUTPUT_GIGAWORDS,
+                                      static_cast<int>(static_cast<uint32_t>(counters.tx >> 32)));
+        }
     }
     // Read anew: the lookups above may have taken their time.
     radius_msg_add_attr_int32(request, RADIUS_ATTR_EVENT_TIMESTAMP,
@@ -220,17 +251,26 @@ int accounting_msg(struct accounting_node *node, int status)
     }
 
     req->code = RADIUS_CODE_ACCOUNTING_REQUEST;
-    req->id = request_id++;
+    int id = take_identifier();
+    req->id = static_cast<uint8_t>(id < 0 ? 0 : id);
     req->length = htons(RADIUS_HDR_LEN);
 
     add_head(req, node, status);
     add_tail(req, node, status);
 
-    // send_accounting composes only for a node whose server exists.
-    const radius_server *server = node_server(self);
-    if (server)
-        get_accounting_vector(req, server->secret);
-
     self->request = req;
+    if (id < 0)
+        return 1;
+    sign(self);
+    return 0;
+}
+
+int accounting_msg_number(struct accounting_node *node)
+{
+    int id = take_identifier();
+    if (id < 0)
+        return -1;
+    node->self->request->id = static_cast<uint8_t>(id);
+    sign(node->self);
     return 0;
 }

@@ -26,8 +26,12 @@ extern const termination_cause_t termination_cause_array[TERMINATION_CAUSE_COUNT
 // Builds and signs a new request for node and status into node->self->request,
 // asking the registered client (radius_client_register) for what only the
 // device knows. 0, or -1 when no memory could be had (the node then holds no
-// request).
+// request). With unique Identifiers, 1 when every Identifier is held: the
+// request is stored unnumbered and unsigned, for accounting_msg_number.
 int accounting_msg(struct accounting_node *node, int status);
+// Numbers and signs an unnumbered request: 0, or -1 while every Identifier
+// is still held.
+int accounting_msg_number(struct accounting_node *node);
 // Appends the measured attributes of a session's packet. Always 0.
 int accounting_report_sta(struct accounting_node *node, int status, AUTH_HDR *request);
 // Acct-Terminate-Cause for a logout cause, or 0 (reason untouched).

@@ -30,6 +30,9 @@ struct radius_client_ops {
     int (*address)(struct accounting_node *node, struct in_addr *ip);
     // The station's byte counters for an Interim-Update being composed.
     void (*counters)(struct accounting_node *node, conn_t *counters);
+    // The first Identifier from `from` on, wrapping, that no request in
+    // flight holds, or -1 when all 256 are held (unique Identifiers only).
+    int (*free_identifier)(uint8_t from);
 };
 // Registered once, before any request is sent or any answer read.
 void radius_client_register(const struct radius_client_ops *ops);

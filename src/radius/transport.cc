@@ -82,6 +82,7 @@ int send_accounting(struct accounting_node *node, int status)
 
     if (!self->request) {
         TRACE("gen accounting msg.\n");
+        // -1: no memory; 1 (unique Identifiers): none free, so nothing leaves.
         if (accounting_msg(node, status) != 0)
             return -1;
         TRACE("request addr: %p\n", static_cast<void *>(self->request));

@@ -14,6 +14,7 @@
 #include "delivery/transaction.h"
 #include "frame/clock.h"
 #include "frame/console.h"
+#include "frame/extensions.h"
 #include "radius/compose.h"
 #include "radius/radius_msg.h"
 #include "radius/radius_send_recieve.h"
@@ -62,6 +63,7 @@ void DbTest::SetUp()
 void DbTest::TearDown()
 {
     clear_database();
+    extensions = 0;
     is_cloud = 0;
     debug = 0;
     console_path = "/dev/null";

@@ -1,0 +1,3 @@
+#include "frame/extensions.h"
+
+unsigned extensions = 0;
