@@ -34,12 +34,20 @@ TEST_F(Uam, TextsWithoutTerminatorAreReadWithinTheirFields)
     auto *u = list_entry(mac_hash_table[0].head.next, struct user_entry, user_list);
     EXPECT_EQ(std::string(u->username) + u->ssid_name + u->ssid_profile_name, std::string(3 * 63, 'A'));
     EXPECT_STREQ(u->sta_mac, "");
+    portal_user_remove("", u->ssid_profile_name);
+    EXPECT_TRUE(list_empty(&mac_hash_table[0].head));
+
     // A foreign user's logout takes it out of the table even when the later
     // filters (no address here) pass the event over.
-    e.event = UAM_EVENT_USER_LOGOUT;
-    e.ip = UAM_NO_IP;
-    uam_event_input(&e, sizeof e);
-    EXPECT_TRUE(list_empty(&mac_hash_table[0].head));
+    uam_event f = uam_login("dave", "aa:bb:cc:dd:ee:05", "wlan-1-3", "SSID3");
+    f.usr_from = USR_FROM_FOREIGN;
+    uam_event_input(&f, sizeof f);
+    const int bucket = hash_func("AA-BB-CC-DD-EE-05");
+    ASSERT_FALSE(list_empty(&mac_hash_table[bucket].head));
+    f.event = UAM_EVENT_USER_LOGOUT;
+    f.ip = UAM_NO_IP;
+    uam_event_input(&f, sizeof f);
+    EXPECT_TRUE(list_empty(&mac_hash_table[bucket].head));
 }
 
 }  // namespace
