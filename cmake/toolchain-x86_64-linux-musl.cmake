@@ -58,7 +58,7 @@ string(JOIN " " CMAKE_CXX_FLAGS_INIT
 # libgcc, and no library folder of the host.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -specs=${musl_lib}/musl-gcc.specs")
 
-# Neither runtime exists for musl here: the sanitizers' need glibc, and the
-# C++ runtime (GoogleTest's, devsim's on glibc) is glibc's, see above.
+# Neither runtime exists for musl here: the sanitizers' runtimes need glibc,
+# and the C++ runtime (GoogleTest's, and devsim's elsewhere) is glibc's.
 set(METERD_SANITIZE OFF CACHE BOOL "Sanitizers need glibc")
 set(METERD_CXX_RUNTIME OFF CACHE BOOL "No C++ runtime for musl")
