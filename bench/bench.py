@@ -385,10 +385,16 @@ def memory(rig):
 
 
 def size():
-    binary = os.path.join(harness.BUILD_DIR, 'meterd')
-    subprocess.run(['strip', '-o', '/tmp/bench/meterd', binary], check=True)
-    dynamic = subprocess.run(['readelf', '-d', binary], check=True, capture_output=True, text=True).stdout
-    return os.path.getsize('/tmp/bench/meterd'), re.findall(r'\(NEEDED\).*\[(.*)\]', dynamic)
+    # (C library, stripped size, shared libraries) of the daemon measured here, and of the same
+    # source linked statically against musl (bench/run builds it in BUILD_DIR/musl), as an image
+    # without a shared C library carries it.
+    sizes = []
+    for libc, build in (('glibc', harness.BUILD_DIR), ('musl, static', os.path.join(harness.BUILD_DIR, 'musl'))):
+        binary = os.path.join(build, 'meterd')
+        subprocess.run(['strip', '-o', '/tmp/bench/meterd', binary], check=True)
+        dynamic = subprocess.run(['readelf', '-d', binary], check=True, capture_output=True, text=True).stdout
+        sizes.append((libc, os.path.getsize('/tmp/bench/meterd'), re.findall(r'\(NEEDED\).*\[(.*)\]', dynamic)))
+    return sizes
 
 
 def main():

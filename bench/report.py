@@ -78,9 +78,10 @@ def write(rounds, storms, mem, binary, n_radclient):
     if whole:
         lines += ['', 'The whole daemon with 10,000 idle sessions: {:,} kB, {:.0f} bytes per session.'.format(
             whole, whole * 1024 / 10000)]
-    size, needed = binary
-    lines += ['', '## Size', '', '| stripped meterd | shared libraries it needs (readelf -d) |', '|---:|---|',
-              '| {:,} bytes | {} |'.format(size, ', '.join(needed)), '']
+    lines += ['', '## Size', '', '| C library | stripped meterd | shared libraries it needs (readelf -d) |',
+              '|---|---:|---|']
+    lines += ['| {} | {:,} bytes | {} |'.format(libc, size, ', '.join(needed) or 'none')
+              for libc, size, needed in binary] + ['']
     text = '\n'.join(lines)
     with open(os.path.join(BENCH, 'results.md'), 'w') as f:
         f.write(text)
@@ -105,7 +106,8 @@ def readme(rounds, storms, per_session, binary):
               % (storm['last'], verdict(storm['last'] <= 3)),
               '| Memory per idle session at {:,} sessions | {:.0f} bytes | | ≤ 1.0 KB: {} |'.format(
                   n, b, verdict(b <= 1024)),
-              '| Stripped size, shared libraries | {:,} bytes, {} | | |'.format(binary[0], ', '.join(binary[1]))]
+              '| Stripped size, shared libraries | {:,} bytes, {} | | |'.format(binary[0][1], ', '.join(binary[0][2])),
+              '| Stripped size, static against musl | {:,} bytes | | |'.format(binary[1][1])]
     path = os.path.join(os.path.dirname(BENCH), 'README.md')
     with open(path) as f:
         text = f.read()

@@ -1,5 +1,6 @@
 // Console diagnostics: one line on /dev/console, opened and closed for every
-// message, only while `debug` is set. No lock is taken.
+// message, only while `debug` is set. No lock is taken. With the option -s
+// the same messages go to syslog instead, one message each.
 #ifndef METERD_FRAME_CONSOLE_H
 #define METERD_FRAME_CONSOLE_H
 
@@ -9,6 +10,10 @@
 
 // Where console lines go. Tests point it at a file of their own.
 extern const char *console_path;
+
+// From now on every message goes to syslog (ident "meterd", facility
+// daemon) in place of the console. Called by main before any thread exists.
+void console_to_syslog(void);
 
 // Writes one message whatever `debug` says; when the console cannot be
 // opened, runs the fallback shell command instead and the message is lost.

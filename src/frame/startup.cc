@@ -10,6 +10,7 @@
 #include "events/portal_events.h"
 #include "events/station_events.h"
 #include "events/uam_events.h"
+#include "frame/console.h"
 #include "frame/control.h"
 #include "frame/meterd.h"
 #include "platform/platform.h"
@@ -32,6 +33,25 @@ const thread_entry thread_table[] = {
     {portal_event_handler_ovat, true},
 };
 
+void option_debug()
+{
+    debug.store(1, std::memory_order_relaxed);
+}
+
+// The options of meterd, one letter each; getopt's option string is made
+// from this table, so a new option is one more line here.
+struct option_entry {
+    char letter;
+    void (*take)();
+};
+
+const option_entry option_table[] = {
+    {'d', option_debug},       // console diagnostics from the start
+    {'s', console_to_syslog},  // console lines to syslog instead of /dev/console
+};
+
+const size_t option_count = sizeof option_table / sizeof option_table[0];
+
 }  // namespace
 
 int meterd_main(int argc, char **argv)
@@ -42,10 +62,14 @@ int meterd_main(int argc, char **argv)
     global_ap_mac[sizeof global_ap_mac - 1] = '\0';
     trimnewline(global_ap_mac);
 
+    char letters[option_count + 1] = {};
+    for (size_t i = 0; i < option_count; i++)
+        letters[i] = option_table[i].letter;
     int opt;
-    while ((opt = getopt(argc, argv, "d")) != -1)
-        if (opt == 'd')
-            debug.store(1, std::memory_order_relaxed);
+    while ((opt = getopt(argc, argv, letters)) != -1)
+        for (const option_entry &o : option_table)
+            if (opt == o.letter)
+                o.take();
     if (debug.load(std::memory_order_relaxed))
         fprintf(stderr, "meterd enters debugging mode...\n");
 

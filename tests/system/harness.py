@@ -122,6 +122,45 @@ class Console:
 console = functools.cache(Console)  # the namespace is set up once
 
 
+class SyslogSocket:
+    # A datagram socket on /dev/log, where syslog() sends, for one test: `messages()` returns what
+    # came as (priority, ident, text) triples. The host's /dev has no room for it (devtmpfs, often
+    # without /dev/log), so a tmpfs covers /dev meanwhile, with a link to each of its entries.
+
+    def __init__(self, test):
+        # A copy of /dev with what is mounted in it (the console FIFO), taken before the tmpfs comes.
+        os.mkdir('/tmp/.dev')
+        _sh('mount', '--rbind', '/dev', '/tmp/.dev')
+        _sh('mount', '-t', 'tmpfs', 'tmpfs', '/dev')
+        test.addCleanup(_sh, 'umount', '-l', '/dev')
+        os.mkdir('/dev/.host')
+        _sh('mount', '--move', '/tmp/.dev', '/dev/.host')
+        os.rmdir('/tmp/.dev')
+        for name in os.listdir('/dev/.host'):
+            os.symlink('.host/' + name, '/dev/' + name)
+        self.sock, self.received = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM), []
+        self.sock.bind('/dev/log')
+        test.addCleanup(self.sock.close)
+        threading.Thread(target=self._run, daemon=True).start()
+
+    def _run(self):
+        while True:
+            try:
+                self.received.append(self.sock.recv(65536).decode('latin-1'))
+            except OSError:
+                return
+
+    HEADER = re.compile(r'<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d (\S+?): (.*)', re.S)  # <PRI>, time, "ident[pid]: "
+
+    def messages(self):
+        return [(m := self.HEADER.fullmatch(d)) and m.groups() for d in self.received]
+
+    def wait_for(self, text):
+        # Waits for a message of exactly this text; returns all messages so far.
+        return _poll(lambda: any(m and m[2] == text for m in self.messages()) and self.messages(), 5,
+                     lambda: 'no syslog message %r; got:\n%s' % (text, self.received))
+
+
 def event(event_id, *fields):
     # A 416-byte control datagram: little-endian id, each text field in 64 bytes, zero-padded.
     payload = b''.join(struct.pack('64s', f.encode()) if isinstance(f, str) else f for f in fields)
@@ -149,7 +188,9 @@ class Meterd:
         _spawn(self, [os.path.join(BUILD_DIR, 'meterd')] + self.args, STDERR_FILE,
                lambda: os.path.exists(PID_FILE) and _bound(CONTROL_SOCK), env=env)
         if self.speed:
-            assert FAKETIME_LIB in read_file('/proc/%d/maps' % self.proc.pid), 'libfaketime was not preloaded'
+            # A static meterd ignores LD_PRELOAD: it must carry the same clock (METERD_TEST_CLOCK=ON).
+            assert FAKETIME_LIB in read_file('/proc/%d/maps' % self.proc.pid) or \
+                b'__wrap_time' in pathlib.Path(BUILD_DIR, 'meterd').read_bytes(), 'libfaketime was not preloaded'
 
     def stderr(self):
         return read_file(STDERR_FILE)

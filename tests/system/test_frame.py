@@ -55,6 +55,23 @@ class Frame(harness.SystemTest):
         daemon.send(profile('wlan-1-2') + b'\xff' * 200)
         self.assertEqual([d[20:] for d in peer.wait(3)], [harness.ON_TAIL, harness.OFF_TAIL, harness.ON_TAIL])
 
+    def test_console_to_syslog(self):
+        # -s: each console message goes to syslog as one message of facility daemon, and the
+        # console shows nothing; the dump's lines too, with debugging on or off.
+        log = harness.SyslogSocket(self)
+        daemon = self.start(Meterd(['-d', '-s']))
+        self.assertEqual(daemon.stderr(), 'meterd enters debugging mode...\n')
+        daemon.send(event(EV_DEBUG_OFF))
+        log.wait_for('receive ovat event. 100\n')
+        dump = daemon.dump()
+        daemon.send(event(EV_DEBUG_ON))
+        messages = log.wait_for('debug level: 1\n')
+        self.assertEqual({m and m[:2] for m in messages}, {('30', 'meterd[%d]' % daemon.proc.pid)})
+        texts = [m[2] for m in messages]
+        self.assertEqual((texts[0], ''.join(texts[1:-1]), texts[-1]),
+                         ('receive ovat event. 100\n', dump, 'debug level: 1\n'))
+        self.assertEqual(self.console.text[self.mark:], '')
+
 
 if __name__ == '__main__':
     harness.main()
