@@ -12,6 +12,7 @@
 #include "events/uam_events.h"
 #include "frame/console.h"
 #include "frame/control.h"
+#include "frame/extensions.h"
 #include "frame/meterd.h"
 #include "platform/platform.h"
 #include "radius/radius_send_recieve.h"
@@ -39,15 +40,22 @@ void option_debug()
 }
 
 // The options of meterd, one letter each; getopt's option string is made
-// from this table, so a new option is one more line here.
+// from this table, so a new option is one more line here. An option either
+// runs its function or turns extensions on.
 struct option_entry {
     char letter;
     void (*take)();
+    unsigned extension;
 };
 
 const option_entry option_table[] = {
-    {'d', option_debug},       // console diagnostics from the start
-    {'s', console_to_syslog},  // console lines to syslog instead of /dev/console
+    {'d', option_debug, 0},       // console diagnostics from the start
+    {'s', console_to_syslog, 0},  // console lines to syslog instead of /dev/console
+    {'x', nullptr, EXT_ALL},      // every extension below
+    {'g', nullptr, EXT_GIGAWORDS},
+    {'i', nullptr, EXT_UNIQUE_IDS},
+    {'r', nullptr, EXT_RETRY_PER_REQUEST},
+    {'c', nullptr, EXT_STEADY_COUNTERS},
 };
 
 const size_t option_count = sizeof option_table / sizeof option_table[0];
@@ -67,9 +75,13 @@ int meterd_main(int argc, char **argv)
         letters[i] = option_table[i].letter;
     int opt;
     while ((opt = getopt(argc, argv, letters)) != -1)
-        for (const option_entry &o : option_table)
-            if (opt == o.letter)
+        for (const option_entry &o : option_table) {
+            if (opt != o.letter)
+                continue;
+            if (o.take)
                 o.take();
+            extensions |= o.extension;
+        }
     if (debug.load(std::memory_order_relaxed))
         fprintf(stderr, "meterd enters debugging mode...\n");
 

@@ -20,7 +20,7 @@ class Frame(harness.SystemTest):
         for mode in (None, '1', '0', '7', 'garbage', '5'):  # None: the simulated device has no mode file
             if mode:
                 harness.hybrid_mode(mode)
-            daemon, mark = self.start(Meterd(['-x'])), len(self.console.text)
+            daemon, mark = self.start(Meterd(['-z'])), len(self.console.text)
             with self.subTest(mode=mode):
                 self.assertEqual(harness.read_file(harness.PID_FILE), str(daemon.proc.pid))
                 # Only cloud mode lists portal profiles, and only in the file.
