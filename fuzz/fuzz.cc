@@ -20,12 +20,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "database/accounting_db_api.h"
-#include "database/mac_text.h"
-#include "database/nodes.h"
 #include "database/portal_users.h"
-#include "database/profiles.h"
-#include "database/session_id.h"
 #include "delivery/scheduler.h"
 #include "delivery/transaction.h"
 #include "events/driver_events.h"
@@ -35,8 +30,6 @@
 #include "frame/clock.h"
 #include "frame/console.h"
 #include "frame/control.h"
-#include "frame/db_dump.h"
-#include "frame/domain_socket.h"
 #include "platform/sim/sim.h"
 #include "radius/compose.h"
 #include "radius/radius_msg.h"

@@ -11,7 +11,7 @@
 #include "events/driver_events.h"
 #include "frame/memory.h"
 #include "radius/md5.h"
-#include "radius/radius_send_recieve.h"
+#include "radius/radius_msg.h"
 
 namespace {
 

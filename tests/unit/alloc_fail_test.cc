@@ -9,12 +9,7 @@
 #include <cstring>
 #include <regex>
 
-#include "database/accounting_db_api.h"
-#include "database/mac_text.h"
-#include "database/nodes.h"
 #include "database/portal_users.h"
-#include "database/profiles.h"
-#include "database/session_id.h"
 #include "delivery/scheduler.h"
 #include "events/driver_events.h"
 #include "events/portal_events.h"
@@ -22,12 +17,8 @@
 #include "events/uam_events.h"
 #include "frame/console.h"
 #include "frame/control.h"
-#include "frame/db_dump.h"
-#include "frame/domain_socket.h"
 #include "frame/memory.h"
 #include "radius/compose.h"
-#include "radius/radius_msg.h"
-#include "radius/radius_send_recieve.h"
 #include "sim_env.h"
 #include "test_support.h"
 

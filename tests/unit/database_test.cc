@@ -10,12 +10,10 @@
 #include <utility>
 #include <vector>
 
-#include "database/accounting_db_api.h"
 #include "database/mac_text.h"
 #include "database/nodes.h"
 #include "database/portal_users.h"
 #include "database/profiles.h"
-#include "database/session_id.h"
 #include "frame/memory.h"
 #include "frame/meterd.h"
 #include "test_support.h"

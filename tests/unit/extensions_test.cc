@@ -4,7 +4,6 @@
 #include <set>
 
 #include "database/nodes.h"
-#include "database/profiles.h"
 #include "delivery/queues.h"
 #include "delivery/scheduler.h"
 #include "delivery/transaction.h"
@@ -12,7 +11,6 @@
 #include "frame/extensions.h"
 #include "platform/station_lookups.h"
 #include "radius/compose.h"
-#include "radius/radius_send_recieve.h"
 #include "sim_env.h"
 #include "test_support.h"
 

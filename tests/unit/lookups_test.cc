@@ -8,8 +8,6 @@
 #include <tuple>
 #include <utility>
 
-#include "radius/compose.h"
-#include "radius/radius_msg.h"
 #include "platform/station_lookups.h"
 #include "sim_env.h"
 

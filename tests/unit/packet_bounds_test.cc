@@ -5,9 +5,7 @@
 
 #include <vector>
 
-#include "radius/compose.h"
 #include "radius/radius_msg.h"
-#include "radius/radius_send_recieve.h"
 
 TEST(PacketBounds, WritingPastTheBufferAbortsInsteadInEveryBuildType)
 {

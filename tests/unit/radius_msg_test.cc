@@ -8,9 +8,7 @@
 #include <tuple>
 #include <vector>
 
-#include "radius/compose.h"
 #include "radius/radius_msg.h"
-#include "radius/radius_send_recieve.h"
 
 using Bytes = std::vector<unsigned char>;
 

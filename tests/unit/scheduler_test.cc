@@ -6,16 +6,11 @@
 #include <utility>
 #include <vector>
 
-#include "database/accounting_db_api.h"
-#include "database/mac_text.h"
 #include "database/nodes.h"
-#include "database/portal_users.h"
 #include "database/profiles.h"
-#include "database/session_id.h"
 #include "delivery/queues.h"
 #include "delivery/scheduler.h"
 #include "frame/memory.h"
-#include "radius/compose.h"
 #include "radius/radius_msg.h"
 #include "radius/radius_send_recieve.h"
 #include "test_support.h"

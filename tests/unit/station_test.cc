@@ -11,20 +11,14 @@
 #include <cstring>
 #include <vector>
 
-#include "database/accounting_db_api.h"
-#include "database/mac_text.h"
 #include "database/nodes.h"
 #include "database/portal_users.h"
-#include "database/profiles.h"
-#include "database/session_id.h"
 #include "events/driver_events.h"
 #include "events/session_stop.h"
 #include "events/station_events.h"
 #include "frame/console.h"
 #include "frame/meterd.h"
-#include "radius/compose.h"
 #include "radius/radius_msg.h"
-#include "radius/radius_send_recieve.h"
 #include "sim_env.h"
 #include "test_support.h"
 

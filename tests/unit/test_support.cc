@@ -5,17 +5,12 @@
 #include <fstream>
 #include <iterator>
 
-#include "database/accounting_db_api.h"
-#include "database/mac_text.h"
-#include "database/nodes.h"
 #include "database/portal_users.h"
 #include "database/profiles.h"
-#include "database/session_id.h"
 #include "delivery/transaction.h"
 #include "frame/clock.h"
 #include "frame/console.h"
 #include "frame/extensions.h"
-#include "radius/compose.h"
 #include "radius/radius_msg.h"
 #include "radius/radius_send_recieve.h"
 

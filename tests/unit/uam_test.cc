@@ -3,12 +3,7 @@
 #include <cstring>
 #include <string>
 
-#include "database/accounting_db_api.h"
-#include "database/mac_text.h"
-#include "database/nodes.h"
 #include "database/portal_users.h"
-#include "database/profiles.h"
-#include "database/session_id.h"
 #include "events/uam_events.h"
 #include "frame/meterd.h"
 #include "test_support.h"
