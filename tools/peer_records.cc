@@ -180,8 +180,8 @@ std::vector<uint8_t> netlink_message(uint16_t type, size_t len, uint32_t nlmsg_l
     auto h = zeroed<nlmsghdr>();
     h.nlmsg_len = nlmsg_len;
     h.nlmsg_type = type;
-    std::vector<uint8_t> m;
-    append(&m, h);
+    std::vector<uint8_t> m(sizeof h);
+    memcpy(m.data(), &h, sizeof h);
     m.resize(len);
     return m;
 }
