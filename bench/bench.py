@@ -21,6 +21,8 @@ ROOT = os.path.dirname(BENCH)
 os.environ.setdefault('METERD_BUILD_DIR', os.path.join(ROOT, 'build-bench'))
 sys.path.insert(0, os.path.join(ROOT, 'tests', 'system'))
 import harness  # noqa: E402
+import records  # noqa: E402
+from freeradius import FreeRadius  # noqa: E402
 
 SECRET, IFACE = 'testing123', 'wlan-1-1'
 ROUNDS = 9             # each CPU figure: the median of this many rounds, each beside its comparison
@@ -45,20 +47,16 @@ class Device:
         self.unix = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.netlink = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 2)  # NETLINK_USERSOCK
 
-    def login(self, n, interim):  # accounting_msg_t, 648 bytes
-        record = struct.pack('<64s32s128s64s32si32s128s128si32s', b'user%d' % n, mac_text(n).encode(),
-                             b'02-00-00-00-00-01:SSID1', IFACE.encode(), b'', interim, b'', b'', b'', 0, b'')
+    def login(self, n, interim):
+        record = records.login('user%d' % n, mac_text(n), '02-00-00-00-00-01:SSID1', IFACE, interim=interim)
         self.unix.sendto(record, '/tmp/accounting_recv_radius.sock')
 
-    def report(self, n):  # staStatus_t, 40 bytes
-        record = struct.pack('<i4s6s20s2xi', 1, socket.inet_aton(ip_text(n)), mac_bytes(n), IFACE.encode(), 0)
-        self.unix.sendto(record, '/tmp/accounting_recv_wireless_hal.sock')
+    def report(self, n):
+        self.unix.sendto(records.report(mac_bytes(n), ip_text(n), IFACE), '/tmp/accounting_recv_wireless_hal.sock')
 
-    def disassoc(self, n):  # nlmsghdr, sarnet_ifinfomsg, nlattr, sarnet_event with the station's MAC
-        event = struct.pack('<HH4xHH4xH6s', 0, 0x8002, 0, 0, 0, mac_bytes(n)).ljust(200, b'\0')
-        message = struct.pack('<IHHII16sH2xiHH', 244, 1, 0, 0, 0, IFACE.encode(), 0, 0, 204, 0x8000) + event
+    def disassoc(self, n):
         try:
-            self.netlink.sendto(message, (0, 1))
+            self.netlink.sendto(records.driver(records.STA_DISASSOC, mac_bytes(n), IFACE), (0, 1))
         except ConnectionRefusedError:  # group 1 has it; only the copy to the kernel found nobody
             pass
 
@@ -221,7 +219,7 @@ class Rig:
         harness.console()
         self.undo = harness.fresh_dirs()
         os.makedirs('/tmp/bench')
-        self.server = harness.FreeRadius(SECRET)
+        self.server = FreeRadius(SECRET)
         self.server.start()
         self.sniffer = Sniffer()
         self.sniffer.start()
@@ -240,7 +238,7 @@ class Rig:
         self.daemon.start()
         self.pid = self.daemon.proc.pid
         self.sniffer.watch(udp_port(self.pid), port)
-        self.control(harness.ev_init(IFACE, '127.0.0.1', port, SECRET))
+        self.control(records.ev_init(IFACE, '127.0.0.1', port, SECRET))
 
     def control(self, datagram):
         """A control event that sends one request; waits for its answer."""
@@ -272,7 +270,7 @@ def capture(rig):
     peer.wait(3, timeout=15)
     rig.device.disassoc(0)
     peer.wait(4)
-    rig.daemon.send(harness.event(harness.EV_REMOVE, IFACE))
+    rig.daemon.send(records.event(records.EV_REMOVE, IFACE))
     packets = peer.wait(5)
     peer.stop()
     return dict(zip(KINDS, (packets[0], packets[4], packets[1], packets[2], packets[3])))
@@ -300,9 +298,9 @@ def cpu_round(rig, first, packets):
             e(first + i)
         sn.wait_answers(answered)
 
-    batch('Accounting-On', N_ONOFF, lambda i: rig.control(harness.ev_init('wlan-2-%d' % i, '127.0.0.1', 1813,
+    batch('Accounting-On', N_ONOFF, lambda i: rig.control(records.ev_init('wlan-2-%d' % i, '127.0.0.1', 1813,
                                                                           SECRET)))
-    batch('Accounting-Off', N_ONOFF, lambda i: rig.control(harness.event(harness.EV_REMOVE, 'wlan-2-%d' % i)))
+    batch('Accounting-Off', N_ONOFF, lambda i: rig.control(records.event(records.EV_REMOVE, 'wlan-2-%d' % i)))
     # A Start is a login and the station's address report; the scheduler sends the Interim-Updates in
     # its own passes; a Stop is a disassociation on netlink.
     batch('Start', N_SESSION, lambda i: session(i, lambda n: dev.login(n, INTERIM), dev.report))

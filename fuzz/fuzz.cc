@@ -34,7 +34,7 @@
 #include "radius/compose.h"
 #include "radius/radius_msg.h"
 #include "radius/radius_send_recieve.h"
-#include "records.h"
+#include "shared.h"
 
 // What FUZZ_INPUT names.
 enum { FUZZ_CONTROL = 1, FUZZ_PORTAL, FUZZ_LOGIN, FUZZ_REPORT, FUZZ_NETLINK, FUZZ_UAM, FUZZ_RESPONSE };
@@ -92,9 +92,7 @@ void baseline()
     deliver(control_input, control_event(ACCOUNTING_EVENT_INIT, profile("wlan-1-4", "")));
     deliver(control_input, control_event(ACCOUNTING_EVENT_REMOVE, "wlan-1-4"));
     if (is_cloud) {
-        portal_event_t p;
-        memset(&p, 0, sizeof p);
-        p.event_id = ACCOUNTING_EVENT_MODIFY_FOR_PORTAL;
+        portal_event_t p = portal_event(ACCOUNTING_EVENT_MODIFY_FOR_PORTAL);
         p.for_portal_profile[0][2] = profile("", "127.0.0.2");
         portal_event_input(&portal_rec, &p, sizeof p);
     }

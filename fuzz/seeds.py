@@ -3,8 +3,12 @@
 # fuzz.cc reads, aimed at the sessions and profiles of its starting database.
 import os
 import struct
+import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, '..', 'tests', 'system'))
+import records  # noqa: E402
+
 DEBUG, PASS, SIGN, BACKUP = 0x09, 0x10, 0x20, 0x40
 SECONDS = {0: 0, 3: 1, 6: 2, 60: 3}
 
@@ -22,49 +26,37 @@ def text(s, n):
     return struct.pack('%ds' % n, s.encode())
 
 
-def config(iface, host, backup='', secret='primary-secret', backup_secret='backup-secret', interim=1):
-    return struct.pack('<64s64si64si65s65s2xI65s3xi', iface.encode(), host.encode(), 1813, backup.encode(),
-                       1813, secret.encode(), backup_secret.encode(), 0x0100007f, b'nas', interim)
+def config(iface, host, backup=''):
+    return records.config(iface, host, 1813, backup, 1813, 'primary-secret', 'backup-secret', '127.0.0.1', 'nas', 1)
 
 
 def control(event_id, payload=b''):
-    return struct.pack('<q', event_id) + payload.ljust(408, b'\0')
+    return records.event(event_id, payload)
 
 
 def portal(entries):
-    slots = [config('', *entries[i]) if i in entries else bytes(408) for i in range(16)]
-    return struct.pack('<i', 6) + b''.join(slots)
+    return records.portal({i: config('', *hosts) for i, hosts in entries.items()})
 
 
 def login(user, mac, iface, session_id='', klass=b''):
-    return (text(user, 64) + text(mac, 32) + text('02-00-00-00-00-01:ssid', 128) + text(iface, 64) +
-            text('portal', 32) + struct.pack('<i', 60) + text('10.0.0.1', 32) + text('ap', 128) +
-            klass.ljust(128, b'\0') + struct.pack('<i', len(klass)) + text(session_id, 32))
+    return records.login(user, mac, '02-00-00-00-00-01:ssid', iface, 'portal', 60, '10.0.0.1', 'ap', klass, session_id)
+
+
+def station(last):
+    return bytes([2, 0, 0, 0, 0, last])
 
 
 def report(last, ip=None):
-    return struct.pack('<i4s6s20s2xi', 1, bytes([10, 0, 0, ip or last]), bytes([2, 0, 0, 0, 0, last]),
-                       b'wlan-1-1', 1)
+    return records.report(station(last), '10.0.0.%d' % (ip or last), 'wlan-1-1', vid=1)
 
 
 def driver(cmd, last, iface, tx=0, rx=0, ip_at=0):
-    sta = struct.pack('<H6s144xQQ16x', 0, bytes([2, 0, 0, 0, 0, last]), tx, rx)
-    data = struct.pack('<HH4x', ip_at, 0) + sta
-    if ip_at:
-        data = data[:ip_at] + bytes([10, 0, 0, 99]) + data[ip_at + 4:]
-    event = struct.pack('<HH4x', 0, cmd) + data
-    attr = struct.pack('<HH', 4 + len(event), 0x8000) + event
-    return struct.pack('<IHHII', 40 + len(attr), 1, 0, 0, 0) + text(iface, 16) + bytes(8) + attr
+    return records.driver(cmd, station(last), iface, tx, rx, '10.0.0.99' if ip_at else None, ip_at)
 
 
 def uam(event, mac, iface='wlan-1-3', usr_from=0, service='', method=''):
-    e = bytearray(1144)
-    struct.pack_into('<i', e, 0, event)
-    e[12:44], e[108:172] = text(service, 32), text('bob', 64)
-    e[664:696], e[760:824] = text(method, 32), text('ssid', 64)
-    e[824:888], e[888:904], e[904:936] = text('SSID3', 64), text(iface, 16), text(mac, 32)
-    struct.pack_into('<i', e, 936, usr_from)
-    return bytes(e)
+    return records.uam(event, service=service, real_username='bob', method=method, ssid_name='ssid',
+                       ssid_profile_name='SSID3', ssid_vap_iface=iface, sta_mac=mac, usr_from=usr_from)
 
 
 SEEDS = {

@@ -23,6 +23,8 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 os.environ.setdefault('METERD_BUILD_DIR', os.path.join(HERE, '..', 'build-soak'))
 sys.path.insert(0, os.path.join(HERE, '..', 'tests', 'system'))
 import harness  # noqa: E402
+import records  # noqa: E402
+from freeradius import FreeRadius  # noqa: E402
 
 SECRET, LOSS, LIFETIME = 'testing123', 0.3, 100  # a session outlives its Start's every retry
 SESSIONS = int(os.environ.get('METERD_SOAK_SESSIONS', sys.argv[1] if len(sys.argv) > 1 else 10000))
@@ -31,42 +33,6 @@ PRIMARY, BACKUP = 1813, 1823  # FreeRADIUS; the relays listen 10000 above
 # One heap for all threads, and no per-thread caches of freed chunks, which the allocator
 # would count as in use: then its figures are what the daemon holds.
 MALLOC_ENV = {'MALLOC_ARENA_MAX': '1', 'GLIBC_TUNABLES': 'glibc.malloc.tcache_count=0:glibc.malloc.mxfast=0'}
-
-CONF = '''
-client meterd {{ ipaddr = 127.0.0.1, secret = {secret} }}
-modules {{ detail {{ filename = {dir}/detail }} }}
-server default {{
-	listen {{ type = acct, ipaddr = 127.0.0.1, port = {port} }}
-	accounting {{
-		detail
-	}}
-}}
-'''
-
-
-class Server:
-    def __init__(self, port):
-        self.port, self.dir = port, '/tmp/freeradius-%d' % port
-
-    def start(self):
-        os.makedirs(self.dir)
-        with open(self.dir + '/radiusd.conf', 'w') as f:
-            f.write(CONF.format(secret=SECRET, dir=self.dir, port=self.port))
-        log = self.dir + '/log'
-        harness._spawn(self, ['freeradius', '-f', '-d', self.dir, '-l', '/dev/stderr'], log,
-                       lambda: 'Ready to process' in harness.read_file(log))
-
-    def stop(self):
-        if self.proc.poll() is None:
-            self.proc.terminate()
-            self.proc.wait(10)
-
-    def records(self):
-        # (Acct-Session-Id, Acct-Status-Type) of every request it accepted.
-        blocks = harness.read_file(self.dir + '/detail').split('\n\n')
-        attrs = [dict(re.findall(r'^\t(\S+) = "?(.*?)"?$', b, re.M)) for b in blocks]
-        return {(a.get('Acct-Session-Id'), a.get('Acct-Status-Type')) for a in attrs}
-
 
 def attributes(packet):
     # {type: value} of a RADIUS packet, read within its bytes.
@@ -186,7 +152,7 @@ def main():
     console = Console()
     console.start()
     os.environ.update(MALLOC_ENV)
-    servers = [Server(PRIMARY), Server(BACKUP)]
+    servers = [FreeRadius(SECRET, PRIMARY), FreeRadius(SECRET, BACKUP)]
     relays = [Relay(PRIMARY + 10000, PRIMARY, 1), Relay(BACKUP + 10000, BACKUP, 2)]
     for thing in servers + relays:
         thing.start()
@@ -194,7 +160,7 @@ def main():
     daemon.start()
     failures = []
     try:
-        daemon.send(harness.ev_init('wlan-1-1', '127.0.0.1', PRIMARY + 10000, SECRET,
+        daemon.send(records.ev_init('wlan-1-1', '127.0.0.1', PRIMARY + 10000, SECRET,
                                     '127.0.0.1', BACKUP + 10000, SECRET))
         # A warm-up, so that what the daemon keeps once it has served a session is there before.
         warm = 100
@@ -216,10 +182,10 @@ def main():
 
         if daemon.proc.poll() is not None:
             failures.append('the daemon died')
-        records = servers[0].records() | servers[1].records()
+        accepted = {(r.get('Acct-Session-Id'), r.get('Acct-Status-Type')) for s in servers for r in s.records()}
         for i in range(warm, warm + SESSIONS):
             for status in ('Start', 'Stop'):
-                if ('S%d' % i, status) not in records and 'u%d' % i not in console.gave_up:
+                if ('S%d' % i, status) not in accepted and 'u%d' % i not in console.gave_up:
                     failures.append('session %d: its %s reached no server and did not end by the retry rule'
                                     % (i, status))
         for r in relays:
@@ -234,7 +200,7 @@ def main():
               % (p.sent, p.lost, p.answers, p.answers_lost))
         print('to the backup:  %d datagrams sent, %d lost, %d answers, %d lost' % (b.sent, b.lost, b.answers,
                                                                                      b.answers_lost))
-        recorded = {t: sum(('S%d' % i, t) in records for i in range(warm, warm + SESSIONS)) for t in ('Start', 'Stop')}
+        recorded = {t: sum(('S%d' % i, t) in accepted for i in range(warm, warm + SESSIONS)) for t in ('Start', 'Stop')}
         print('at the servers: %(Start)d Starts and %(Stop)d Stops of the sessions' % recorded)
         half = {'u%d' % i for i in range(warm, warm + SESSIONS // 2)}
         print('failovers %d, sessions ended by the retry rule %d (%d of the first half), answers refused %d'

@@ -14,6 +14,8 @@ import threading
 import time
 import unittest
 
+import records
+
 BUILD_DIR = os.path.abspath(os.environ.get('METERD_BUILD_DIR', os.path.join(
     os.path.dirname(os.path.abspath(__file__)), '..', '..', 'build')))
 FAKETIME_LIB = '/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1'
@@ -22,8 +24,6 @@ STDERR_FILE = '/tmp/meterd.stderr'
 # Taken before the first tmpfs can hide the build folder (see _tmpfs); kept for the whole run.
 BUILD_FD = os.open(BUILD_DIR, os.O_PATH)
 
-EV_REMOVE, EV_AC_IP_CHANGE, EV_INIT, EV_EXIT, EV_SECRET_CHANGE = 2, 3, 4, 5, 7
-EV_DEBUG_OFF, EV_DEBUG_ON, EV_DUMP = 100, 101, 102
 # What follows the header of the Accounting-On and -Off of a profile without a NAS address.
 ON_TAIL = bytes.fromhex('280600000007 2D0600000001 04067F000001 050600000000 3D060000000F 31060000000B')
 OFF_TAIL = bytes.fromhex('280600000008 2D0600000001 04067F000001 050600000000 3D060000000F 310600000006')
@@ -161,19 +161,6 @@ class SyslogSocket:
                      lambda: 'no syslog message %r; got:\n%s' % (text, self.received))
 
 
-def event(event_id, *fields):
-    # A 416-byte control datagram: little-endian id, each text field in 64 bytes, zero-padded.
-    payload = b''.join(struct.pack('64s', f.encode()) if isinstance(f, str) else f for f in fields)
-    return (struct.pack('<q', event_id) + payload).ljust(416, b'\0')
-
-
-def ev_init(interface, host, port, secret, backup_host='', backup_port=0, backup_secret=''):
-    # A profile without NAS address or identifier and without interim updates.
-    return event(EV_INIT, struct.pack('<64s64si64si65s65s', interface.encode(), host.encode(), port,
-                                      backup_host.encode(), backup_port, secret.encode(),
-                                      backup_secret.encode()))
-
-
 class Meterd:
     # One daemon process, optionally on a clock `speed` times faster.
 
@@ -203,7 +190,7 @@ class Meterd:
         # Asks for a dump and returns its text once the file has settled.
         if os.path.exists(DUMP_FILE):
             os.unlink(DUMP_FILE)
-        self.send(event(EV_DUMP))
+        self.send(records.event(records.EV_DUMP))
         reads = ['']
 
         def settled():
@@ -269,47 +256,6 @@ class Peer(threading.Thread):
 
     def stop(self):
         self.sock.close()
-
-
-# Items of a section may share a line, separated by commas; a module named
-# in a processing section needs a line of its own.
-_RADIUSD_CONF = '''
-client meterd {{ ipaddr = 127.0.0.1, secret = {secret} }}
-modules {{ detail {{ filename = {dir}/detail }} }}
-server default {{
-	listen {{ type = acct, ipaddr = 127.0.0.1 }}
-	accounting {{
-		detail
-	}}
-}}
-'''
-
-
-class FreeRadius:
-    # FreeRADIUS on 127.0.0.1:1813: one client, every request accepted into a detail file.
-
-    def __init__(self, secret):
-        self.secret, self.dir = secret, '/tmp/freeradius'
-        self.log_path = self.dir + '/log'
-
-    def start(self):
-        os.makedirs(self.dir, exist_ok=True)
-        with open(os.path.join(self.dir, 'radiusd.conf'), 'w') as f:
-            f.write(_RADIUSD_CONF.format(dir=self.dir, secret=self.secret))
-        _spawn(self, ['freeradius', '-f', '-d', self.dir, '-l', '/dev/stderr'], self.log_path,
-               lambda: 'Ready to process' in read_file(self.log_path))
-
-    def stop(self):  # also once more after a test stopped it: terminate() skips a reaped process
-        self.proc.terminate()
-        self.proc.wait(10)
-
-    def wait_records(self, n):
-        # Waits for `n` detail records; returns all as {attribute: value} without Timestamp.
-        def records():
-            blocks = read_file(self.dir + '/detail').split('\n\n')[:-1]  # the last one may be unfinished
-            recs = [dict(re.findall(r'^\t(?!Timestamp)(\S+) = "?(.*?)"?$', b, re.M)) for b in blocks]
-            return len(recs) >= n and recs
-        return _poll(records, 10, lambda: 'fewer than %d records; log:\n%s' % (n, read_file(self.log_path)))
 
 
 class SystemTest(unittest.TestCase):

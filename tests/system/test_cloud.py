@@ -5,6 +5,7 @@ import os
 import time
 
 import harness
+from freeradius import FreeRadius
 from harness import Meterd
 
 SECRET, SPEED = 'testing123', 10
@@ -21,7 +22,7 @@ class Cloud(harness.SystemTest):
 
     def start_cloud(self):
         # A cloud daemon whose first portal datagram configured wlan-1-1 and wlan-2-2.
-        self.server = self.start(harness.FreeRadius(SECRET))
+        self.server = self.start(FreeRadius(SECRET))
         self.start_daemon(5)
         harness._poll(lambda: harness._bound(PORTAL_SOCK) and harness._bound(UAM_SOCK), 5,
                       lambda: 'cloud sockets not bound')

@@ -4,7 +4,8 @@ answers taken or refused. Each test's daemon runs on a clock ten times faster.""
 import time
 
 import harness
-from harness import EV_REMOVE, ON_TAIL, OFF_TAIL, Meterd, Peer, event, ev_init
+from harness import ON_TAIL, OFF_TAIL, Meterd, Peer
+from records import EV_AC_IP_CHANGE, EV_EXIT, EV_REMOVE, event, ev_init
 
 SECRET, BACKUP_SECRET = 'testing123', 'backup-s3cret'
 SPEED = 10
@@ -23,7 +24,7 @@ class Delivery(harness.SystemTest):
         self.wait_console('Accounting on. Server IP:127.0.0.1\n', count=2)
         # At exit every profile sends its Accounting-Off once, waiting for nothing:
         # their answers match nothing and no copy follows.
-        daemon.send(event(harness.EV_EXIT))
+        daemon.send(event(EV_EXIT))
         for off in peer.wait(4)[2:]:
             self.wait_console('Response packet ID %d does not match the request packet\n' % off[1])
         time.sleep(30 / SPEED)
@@ -75,7 +76,7 @@ class Delivery(harness.SystemTest):
             self.daemon.send(ev_init(interface, peer.ip, peer.port, SECRET))
             peer.wait(1)
         # Both before the first time-out; a new AC address takes effect at the next transmission.
-        self.daemon.send(event(harness.EV_AC_IP_CHANGE, '127.0.0.2', '127.0.0.3'))
+        self.daemon.send(event(EV_AC_IP_CHANGE, '127.0.0.2', '127.0.0.3'))
         self.daemon.send(event(EV_REMOVE, 'wlan-drop'))
         self.assertEqual(peers['wlan-drop'].wait(2)[1][20:], OFF_TAIL)
         self.wait_console('free RADIUS profile \n')

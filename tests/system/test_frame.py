@@ -4,7 +4,8 @@ import socket
 import struct
 
 import harness
-from harness import CONTROL_SOCK, EV_DEBUG_OFF, EV_DEBUG_ON, EV_INIT, EV_REMOVE, Meterd, event, ev_init
+from harness import CONTROL_SOCK, Meterd
+from records import EV_DEBUG_OFF, EV_DEBUG_ON, EV_INIT, EV_REMOVE, event, ev_init
 
 EMPTY_DUMP = r'scheduler: \n\nrequest queue: 0x[0-9a-f]+\n\nfail queue: 0x[0-9a-f]+\n'
 SECRET = 'testing123'

@@ -6,6 +6,7 @@ import socket
 
 import harness
 from harness import CONTROL_SOCK, OFF_TAIL, ON_TAIL, Meterd, Peer
+from records import EV_DEBUG_ON, event
 
 SECRET, NEW_SECRET = 'testing123', 'n3w-s3cret'
 meterctl = harness.tool('meterctl', check=False)
@@ -86,7 +87,7 @@ class Meterctl(harness.SystemTest):
                     self.assertRaises(BlockingIOError, listener.recv, 1024)
             # The listener does hear a good command: a whole, zeroed record.
             self.assertEqual(meterctl('debug', 'on').returncode, 0)
-            self.assertEqual(listener.recv(1024), harness.event(harness.EV_DEBUG_ON))
+            self.assertEqual(listener.recv(1024), event(EV_DEBUG_ON))
         # Now the socket file is left without a reader, then gone.
         refused = lambda reason: (1, 'meterctl: meterd is not listening on %s: %s\n' % (CONTROL_SOCK, reason))
         result = meterctl('exit')

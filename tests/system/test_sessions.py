@@ -2,7 +2,9 @@
 """A user's whole session on the simulated access point, driven only by devsim and the control
 socket, as FreeRADIUS records it. The daemon runs on a clock ten times faster."""
 import harness
-from harness import Meterd, ev_init
+from freeradius import FreeRadius
+from harness import Meterd
+from records import ev_init
 
 SECRET, SPEED, MAC = 'testing123', 10, 'aa:bb:cc:dd:ee:01'
 devsim = harness.tool('devsim')
@@ -11,7 +13,7 @@ devsim = harness.tool('devsim')
 class Sessions(harness.SystemTest):
 
     def test_login_report_interim_counters_disassociation(self):
-        server = self.start(harness.FreeRadius(SECRET))
+        server = self.start(FreeRadius(SECRET))
         daemon = self.start(Meterd(['-d'], speed=SPEED))
         daemon.send(ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
         server.wait_records(1)

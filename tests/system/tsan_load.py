@@ -15,7 +15,9 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 os.environ.setdefault('METERD_BUILD_DIR', os.path.join(HERE, '..', '..', 'build-tsan'))
 os.environ.setdefault('TSAN_OPTIONS', 'second_deadlock_stack=1')
 import harness  # noqa: E402
-from harness import EV_AC_IP_CHANGE, EV_DEBUG_OFF, EV_DEBUG_ON, EV_DUMP, EV_REMOVE, EV_SECRET_CHANGE, Meterd, event, ev_init  # noqa: E402
+from freeradius import FreeRadius  # noqa: E402
+from harness import Meterd  # noqa: E402
+from records import EV_AC_IP_CHANGE, EV_DEBUG_OFF, EV_DEBUG_ON, EV_DUMP, EV_REMOVE, EV_SECRET_CHANGE, event, ev_init  # noqa: E402
 
 SECRET, USERS = 'testing123', 16
 SECONDS = float(os.environ.get('METERD_LOAD_SECONDS', 60))
@@ -32,7 +34,7 @@ class TsanLoad(harness.SystemTest):
         harness.hybrid_mode('5\n')
         for i in range(USERS):
             devsim('station', 'add', '--mac', mac(i), '--ip', '10.0.1.%d' % (i + 1), '--rx', 1000 + i, '--tx', 2000)
-        server = self.start(harness.FreeRadius(SECRET))
+        server = self.start(FreeRadius(SECRET))
         silent = self.start(harness.Peer(SECRET, default='drop'))
         daemon = self.start(Meterd(['-d']))
         daemon.send(ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))

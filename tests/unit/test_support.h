@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "records.h"
+#include "shared.h"
 
 struct SentDatagram {
     std::vector<uint8_t> bytes;

@@ -137,12 +137,11 @@ struct in_addr parse_ipv4(const std::string &label, const std::string &text)
     return a;
 }
 
-void put_text(const std::string &label, const std::string &text, char *field, size_t size, bool terminated)
+void check_text(const std::string &label, const std::string &text, size_t size, bool terminated)
 {
     size_t room = terminated ? size - 1 : size;
     if (text.size() > room)
         bad("%s: %zu characters, the field holds %zu", label.c_str(), text.size(), room);
-    memcpy(field, text.data(), text.size());
 }
 
 Args::Args(const Command &cmd, const Words &words)

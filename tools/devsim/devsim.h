@@ -53,10 +53,9 @@ uint64_t parse_u64(const std::string &label, const std::string &text);
 bool mac_bytes(const std::string &text, uint8_t out[6]);  // false when text is no MAC
 void parse_mac(const std::string &label, const std::string &text, uint8_t out[6]);
 struct in_addr parse_ipv4(const std::string &label, const std::string &text);
-// Copies text into a zero-filled field of `size` bytes; with `terminated`
+// Refuses text that a field of `size` bytes does not hold; with `terminated`
 // it must leave room for the terminator.
-void put_text(const std::string &label, const std::string &text, char *field, size_t size,
-              bool terminated = true);
+void check_text(const std::string &label, const std::string &text, size_t size, bool terminated = true);
 
 class Args {
 public:
@@ -71,10 +70,13 @@ public:
 
     long long number(const char *name, long long fallback, long long lo, long long hi) const;
     int integer(const char *name, int fallback) const;  // any int
-    template <size_t N>
-    void text(const char *name, const char *fallback, char (&field)[N], bool terminated = true) const
+    // The text of an option, or fallback, checked against a field of a record.
+    template <class Record, size_t N>
+    std::string text(const char *name, const char *fallback, char (Record::*)[N], bool terminated = true) const
     {
-        put_text(name, get(name, fallback), field, N, terminated);
+        std::string t = get(name, fallback);
+        check_text(name, t, N, terminated);
+        return t;
     }
     void mac(const char *name, uint8_t out[6]) const { parse_mac(name, get(name, DEVSIM_MAC), out); }
     struct in_addr ipv4(const char *name, const char *fallback) const

@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "devsim.h"
-#include "events/driver_events.h"
+#include "peer_records.h"
 
 namespace devsim {
 
@@ -18,17 +18,9 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-static_assert(sizeof(struct nlmsghdr) + sizeof(sarnet_ifinfomsg) == SARNET_ATTR_OFFSET, "layout");
 // The default offset of the address in an address event: behind the
 // station's counters, where nothing else the daemon reads stands.
 const int kIpOffset = 176;
-
-template <typename T>
-void append(Bytes *out, const T &record)
-{
-    const uint8_t *p = reinterpret_cast<const uint8_t *>(&record);
-    out->insert(out->end(), p, p + sizeof record);
-}
 
 int default_cmd(const Command &c)
 {
@@ -43,58 +35,33 @@ int default_cmd(const Command &c)
 
 Bytes wireless_message(const Command &c, const Args &a)
 {
-    sarnet_event ev;
-    memset(&ev, 0, sizeof ev);
-    ev.hdr.cmd = static_cast<uint16_t>(a.number("--cmd", default_cmd(c), 0, 0xFFFF));
-    a.mac("--mac", ev.data.u.sta.macaddr);
+    DriverFields f;
+    f.cmd = static_cast<uint16_t>(a.number("--cmd", default_cmd(c), 0, 0xFFFF));
+    a.mac("--mac", f.mac);
     if (&c == &counters_command) {
-        ev.data.u.sta.tx_bytes = parse_u64("--tx", a.get("--tx", "0"));
-        ev.data.u.sta.rx_bytes = parse_u64("--rx", a.get("--rx", "0"));
+        f.tx = parse_u64("--tx", a.get("--tx", "0"));
+        f.rx = parse_u64("--rx", a.get("--rx", "0"));
     }
     if (&c == &ip_command) {
-        long long offset = a.number("--ip-offset", kIpOffset, 0, 0xFFFF);
-        struct in_addr ip = a.ipv4("--ip", DEVSIM_IP);
-        ev.data.hdr.len = static_cast<uint16_t>(offset);
-        if (offset + sizeof ip <= sizeof ev.data)
-            memcpy(reinterpret_cast<uint8_t *>(&ev.data) + offset, &ip, sizeof ip);
+        f.has_ip = true;
+        f.ip_offset = static_cast<uint16_t>(a.number("--ip-offset", kIpOffset, 0, 0xFFFF));
+        f.ip = a.ipv4("--ip", DEVSIM_IP);
     }
-
-    sarnet_ifinfomsg ifi;
-    memset(&ifi, 0, sizeof ifi);
-    a.text("--iface", DEVSIM_IFACE, ifi.ifi_name, false);
-
-    // A cut payload lets a short message and an event share the 256 bytes the daemon reads.
-    size_t payload = static_cast<size_t>(a.number("--payload", sizeof ev, 0, sizeof ev));
-    struct nlattr nla;
-    nla.nla_len = static_cast<uint16_t>(a.number("--nla-len", sizeof nla + payload, 0, 0xFFFF));
-    nla.nla_type = static_cast<uint16_t>(a.number("--attr-type", SARNET_ATTR_EVENT, 0, 0xFFFF));
-
-    struct nlmsghdr h;
-    memset(&h, 0, sizeof h);
-    size_t total = sizeof h + sizeof ifi + sizeof nla + payload;
-    h.nlmsg_len = static_cast<uint32_t>(a.number("--nlmsg-len", total, 0, UINT32_MAX));
-    h.nlmsg_type = static_cast<uint16_t>(a.number("--type", SARNETM_WIRELESS_EVENT, 0, 0xFFFF));
-
-    Bytes m;
-    append(&m, h);
-    append(&m, ifi);
-    append(&m, nla);
-    append(&m, ev);
-    m.resize(total);
-    return m;
+    f.iface = a.text("--iface", DEVSIM_IFACE, &sarnet_ifinfomsg::ifi_name, false);
+    f.payload = static_cast<size_t>(a.number("--payload", sizeof(sarnet_event), 0, sizeof(sarnet_event)));
+    f.nla_len = a.number("--nla-len", -1, 0, 0xFFFF);
+    f.attr_type = static_cast<uint16_t>(a.number("--attr-type", SARNET_ATTR_EVENT, 0, 0xFFFF));
+    f.nlmsg_len = a.number("--nlmsg-len", -1, 0, UINT32_MAX);
+    f.type = static_cast<uint16_t>(a.number("--type", SARNETM_WIRELESS_EVENT, 0, 0xFFFF));
+    return driver_message(f);
 }
 
 Bytes other_message(const Args &a)
 {
-    struct nlmsghdr h;
-    memset(&h, 0, sizeof h);
-    long long len = a.number("--len", sizeof h, sizeof h, 4096);
-    h.nlmsg_len = static_cast<uint32_t>(a.number("--nlmsg-len", len, 0, UINT32_MAX));
-    h.nlmsg_type = static_cast<uint16_t>(a.number("--type", __SARNETM_MAX, 0, 0xFFFF));
-    Bytes m;
-    append(&m, h);
-    m.resize(static_cast<size_t>(len));
-    return m;
+    long long len = a.number("--len", sizeof(struct nlmsghdr), sizeof(struct nlmsghdr), 4096);
+    auto nlmsg_len = static_cast<uint32_t>(a.number("--nlmsg-len", len, 0, UINT32_MAX));
+    auto type = static_cast<uint16_t>(a.number("--type", __SARNETM_MAX, 0, 0xFFFF));
+    return netlink_message(type, static_cast<size_t>(len), nlmsg_len);
 }
 
 const Command *driver_event(const std::string &name)

@@ -6,18 +6,15 @@
 #include <cstdio>
 #include <cstring>
 
-#include "database/accounting.h"
 #include "devsim.h"
-#include "events/portal_events.h"
-#include "events/station_events.h"
-#include "platform/platform.h"
+#include "peer_records.h"
 
 namespace devsim {
 
 namespace {
 
 // "0x" and hex digits give bytes; anything else is taken as text, without a terminator.
-int class_bytes(const std::string &text, unsigned char *out, size_t size)
+std::string class_bytes(const std::string &text, size_t size)
 {
     std::string bytes = text;
     if (text.compare(0, 2, "0x") == 0) {
@@ -31,26 +28,26 @@ int class_bytes(const std::string &text, unsigned char *out, size_t size)
     }
     if (bytes.size() > size)
         bad("--class: %zu bytes, the field holds %zu", bytes.size(), size);
-    memcpy(out, bytes.data(), bytes.size());
-    return static_cast<int>(bytes.size());
+    return bytes;
 }
 
 int run_login(const Command &cmd, const Words &words)
 {
+    using M = accounting_msg_t;
     Args a(cmd, words);
-    accounting_msg_t m;
-    memset(&m, 0, sizeof m);
-    a.text("--user", "user1", m.user_name);
-    a.text("--mac", DEVSIM_MAC, m.calling_station_id);
-    a.text("--called", "02-00-00-00-00-01:SSID1", m.called_station_id);
-    a.text("--iface", DEVSIM_IFACE, m.interface);
-    a.text("--auth-module", "", m.auth_module);
-    m.interim_interval = a.integer("--interim", 0);
-    a.text("--nas-ip", "", m.nas_ip_acct);
-    a.text("--nas-id", "", m.nas_id_acct);
-    m.class_length = class_bytes(a.get("--class"), m.attr_class, sizeof m.attr_class);
-    m.class_length = a.integer("--class-length", m.class_length);
-    a.text("--session-id", "", m.session_id);
+    LoginFields f;
+    f.user = a.text("--user", "user1", &M::user_name);
+    f.mac = a.text("--mac", DEVSIM_MAC, &M::calling_station_id);
+    f.called = a.text("--called", "02-00-00-00-00-01:SSID1", &M::called_station_id);
+    f.iface = a.text("--iface", DEVSIM_IFACE, &M::interface);
+    f.auth_module = a.text("--auth-module", "", &M::auth_module);
+    f.interim = a.integer("--interim", 0);
+    f.nas_ip = a.text("--nas-ip", "", &M::nas_ip_acct);
+    f.nas_id = a.text("--nas-id", "", &M::nas_id_acct);
+    f.klass = class_bytes(a.get("--class"), sizeof(M::attr_class));
+    f.class_length = a.integer("--class-length", static_cast<int>(f.klass.size()));
+    f.session_id = a.text("--session-id", "", &M::session_id);
+    accounting_msg_t m = login_record(f);
     send_unix(ACCOUNTING_RECV_RADIUS_SOCK, &m, sizeof m);
     return 0;
 }
@@ -58,21 +55,24 @@ int run_login(const Command &cmd, const Words &words)
 int run_report(const Command &cmd, const Words &words)
 {
     Args a(cmd, words);
-    staStatus_t s;
-    memset(&s, 0, sizeof s);
-    s.associate = a.has("--disassoc") ? DISASSOC : ASSOC;
-    s.client_ip = a.ipv4("--ip", DEVSIM_IP);
-    a.mac("--mac", s.mac);
-    a.text("--iface", DEVSIM_IFACE, s.iface);
-    s.vid = a.integer("--vid", 0);
+    ReportFields f;
+    f.associate = a.has("--disassoc") ? DISASSOC : ASSOC;
+    f.ip = a.ipv4("--ip", DEVSIM_IP);
+    a.mac("--mac", f.mac);
+    f.iface = a.text("--iface", DEVSIM_IFACE, &staStatus_t::iface);
+    f.vid = a.integer("--vid", 0);
+    staStatus_t s = station_report(f);
     send_unix(ACCOUNTING_RECV_WHAL_SOCK, &s, sizeof s);
     return 0;
 }
 
 // SETTINGS of one --entry: key=value pairs joined by commas.
-void portal_entry(const std::string &iface, const std::string &settings, ovat_config_event *e)
+ovat_config_event portal_entry(const std::string &iface, const std::string &settings)
 {
-    put_text("--entry", iface, e->interface, sizeof e->interface);
+    using E = ovat_config_event;
+    check_text("--entry", iface, sizeof(E::interface));
+    ProfileFields f;
+    f.iface = iface;
     bool port = false, backup_port = false;
     for (size_t start = 0, end; start < settings.size(); start = end + 1) {
         end = std::min(settings.find(',', start), settings.size());
@@ -82,35 +82,40 @@ void portal_entry(const std::string &iface, const std::string &settings, ovat_co
             bad("--entry %s: '%s' is not KEY=VALUE", iface.c_str(), pair.c_str());
         std::string key = pair.substr(0, eq), value = pair.substr(eq + 1);
         std::string label = "--entry " + iface + " " + key;
+        auto text = [&](std::string *field, size_t size) {
+            check_text(label, value, size);
+            *field = value;
+        };
         if (key == "host") {
-            put_text(label, value, e->hostname, sizeof e->hostname);
+            text(&f.host, sizeof(E::hostname));
         } else if (key == "port") {
             port = true;
-            e->port = static_cast<int>(parse_number(label, value, INT_MIN, INT_MAX));
+            f.port = static_cast<int>(parse_number(label, value, INT_MIN, INT_MAX));
         } else if (key == "secret") {
-            put_text(label, value, e->secret, sizeof e->secret);
+            text(&f.secret, sizeof(E::secret));
         } else if (key == "backup") {
-            put_text(label, value, e->backup_hostname, sizeof e->backup_hostname);
+            text(&f.backup, sizeof(E::backup_hostname));
         } else if (key == "backup-port") {
             backup_port = true;
-            e->backup_port = static_cast<int>(parse_number(label, value, INT_MIN, INT_MAX));
+            f.backup_port = static_cast<int>(parse_number(label, value, INT_MIN, INT_MAX));
         } else if (key == "backup-secret") {
-            put_text(label, value, e->backup_secret, sizeof e->backup_secret);
+            text(&f.backup_secret, sizeof(E::backup_secret));
         } else if (key == "nas-ip") {
-            e->nas_ip = parse_ipv4(label, value);
+            f.nas_ip = parse_ipv4(label, value);
         } else if (key == "nas-id") {
-            put_text(label, value, e->nas_id, sizeof e->nas_id);
+            text(&f.nas_id, sizeof(E::nas_id));
         } else if (key == "interim") {
-            e->acct_interim = static_cast<int>(parse_number(label, value, INT_MIN, INT_MAX));
+            f.interim_minutes = static_cast<int>(parse_number(label, value, INT_MIN, INT_MAX));
         } else {
             bad("--entry %s: unknown setting '%s'", iface.c_str(), key.c_str());
         }
     }
     // A server named without a port listens on the standard accounting port.
-    if (!port && e->hostname[0])
-        e->port = 1813;
-    if (!backup_port && e->backup_hostname[0])
-        e->backup_port = 1813;
+    if (!port && !f.host.empty())
+        f.port = 1813;
+    if (!backup_port && !f.backup.empty())
+        f.backup_port = 1813;
+    return profile_record(f);
 }
 
 // wlan-R-W as radio and WLAN from 1; false for anything else.
@@ -123,9 +128,7 @@ bool wlan_numbers(const std::string &iface, int *radio, int *wlan)
 int run_portal(const Command &cmd, const Words &words)
 {
     Args a(cmd, words);
-    portal_event_t p;
-    memset(&p, 0, sizeof p);
-    p.event_id = a.integer("--event", ACCOUNTING_EVENT_MODIFY_FOR_PORTAL);
+    portal_event_t p = portal_event(a.integer("--event", ACCOUNTING_EVENT_MODIFY_FOR_PORTAL));
     bool seen[PORTAL_SLOTS][PORTAL_VAPS] = {};
     for (const Words &entry : a.all("--entry")) {
         int radio = 0, wlan = 0;
@@ -136,7 +139,7 @@ int run_portal(const Command &cmd, const Words &words)
         if (seen[radio - 1][wlan - 1])
             bad("--entry: %s given twice", entry[0].c_str());
         seen[radio - 1][wlan - 1] = true;
-        portal_entry(entry[0], entry[1], &p.for_portal_profile[radio - 1][wlan - 1]);
+        p.for_portal_profile[radio - 1][wlan - 1] = portal_entry(entry[0], entry[1]);
     }
     send_unix(ACCOUNTING_PORTAL_SOCK, &p, sizeof p);
     return 0;
@@ -159,37 +162,38 @@ const EventName uam_events[] = {
 
 int run_uam(const Command &cmd, const Words &words)
 {
+    using E = uam_event;
     Args a(cmd, words);
-    struct uam_event e;
-    memset(&e, 0, sizeof e);
+    UamFields f;
     std::string event = a.get("--event", "login");
-    e.event = -1;
+    f.event = -1;
     for (const EventName &n : uam_events)
         if (event == n.name)
-            e.event = n.number;
-    if (e.event == -1) {
+            f.event = n.number;
+    if (f.event == -1) {
         if (event.find_first_not_of("-0123456789xabcdefABCDEF") != std::string::npos)
             bad("--event: '%s' is no event name (devsim uam --help lists them)", event.c_str());
-        e.event = static_cast<int>(parse_number("--event", event, INT_MIN, INT_MAX));
+        f.event = static_cast<int>(parse_number("--event", event, INT_MIN, INT_MAX));
     }
-    a.text("--service", "", e.service);
-    a.text("--method", "", e.method);
-    a.text("--user", "user1", e.real_username);
-    a.text("--user", "user1", e.username);
-    a.text("--mac", DEVSIM_MAC, e.sta_mac);
-    a.text("--iface", DEVSIM_IFACE, e.ssid_vap_iface);
+    f.service = a.text("--service", "", &E::service);
+    f.method = a.text("--method", "", &E::method);
+    f.real_username = a.text("--user", "user1", &E::real_username);
+    f.username = a.text("--user", "user1", &E::username);
+    f.sta_mac = a.text("--mac", DEVSIM_MAC, &E::sta_mac);
+    f.iface = a.text("--iface", DEVSIM_IFACE, &E::ssid_vap_iface);
     int radio = 0, wlan = 0;
     std::string profile;
     if (wlan_numbers(a.get("--iface", DEVSIM_IFACE), &radio, &wlan))
         profile = "SSID" + std::to_string(wlan);
-    a.text("--ssid-profile", profile.c_str(), e.ssid_profile_name);
-    a.text("--ssid", profile.c_str(), e.ssid_name);
+    f.ssid_profile = a.text("--ssid-profile", profile.c_str(), &E::ssid_profile_name);
+    f.ssid = a.text("--ssid", profile.c_str(), &E::ssid_name);
     if (a.has("--foreign") && a.has("--from"))
         bad("--foreign: --from says otherwise");
-    e.usr_from = a.integer("--from", a.has("--foreign") ? USR_FROM_FOREIGN : 0);
+    f.usr_from = a.integer("--from", a.has("--foreign") ? USR_FROM_FOREIGN : 0);
     if (a.has("--no-ip") && a.has("--ip"))
         bad("--no-ip: --ip says otherwise");
-    e.ip = a.has("--no-ip") ? UAM_NO_IP : a.ipv4("--ip", DEVSIM_IP).s_addr;
+    f.ip = a.has("--no-ip") ? UAM_NO_IP : a.ipv4("--ip", DEVSIM_IP).s_addr;
+    uam_event e = uam_record(f);
     send_unix(root() + "/uam.sock", &e, sizeof e);
     return 0;
 }
