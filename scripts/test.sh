@@ -66,6 +66,8 @@ ctest --test-dir build-musl -L system --output-on-failure -j2
 # The OpenWrt service: procd's init scripts are sh, run by /etc/rc.common.
 shellcheck -s sh packaging/openwrt/files/meterd.init
 
+# The extended mode (meterd -x) runs every system test too; the default last.
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Debug
 cmake --build build -j2
+METERD_MODE=extended ctest --test-dir build -L system --output-on-failure -j2
 ctest --test-dir build --output-on-failure -j2

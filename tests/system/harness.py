@@ -20,6 +20,7 @@ BUILD_DIR = os.path.abspath(os.environ.get('METERD_BUILD_DIR', os.path.join(
     os.path.dirname(os.path.abspath(__file__)), '..', '..', 'build')))
 FAKETIME_LIB = '/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1'
 CONTROL_SOCK, PID_FILE, DUMP_FILE = '/tmp/accounting.sock', '/var/run/meterd.pid', '/tmp/meterd_db'
+EXTENDED = os.environ.get('METERD_MODE') == 'extended'
 STDERR_FILE = '/tmp/meterd.stderr'
 # Taken before the first tmpfs can hide the build folder (see _tmpfs); kept for the whole run.
 BUILD_FD = os.open(BUILD_DIR, os.O_PATH)
@@ -165,7 +166,8 @@ class Meterd:
     # One daemon process, optionally on a clock `speed` times faster.
 
     def __init__(self, args=(), speed=None):
-        self.args, self.speed, self.proc = list(args), speed, None
+        # METERD_MODE=extended runs every daemon with the extensions (-x), for the suite in both modes.
+        self.args, self.speed, self.proc = list(args) + EXTENDED * ['-x'], speed, None
 
     def start(self):
         env = dict(os.environ, PATH=BUILD_DIR + os.pathsep + os.environ.get('PATH', ''),
