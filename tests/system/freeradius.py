@@ -1,8 +1,10 @@
 """FreeRADIUS as the daemon's accounting server, for the system tests, the bench and the soak: a
 configuration of its own (one client, 127.0.0.1), started in the foreground, every accounting
 request it accepts written by its accounting modules. The detail module is always there, as the
-record that the tests read; further modules (say rlm_sql into SQLite) come in as a stanza of
-`modules` and a name in the accounting section."""
+record that the tests read. Further modules come in as stanzas of `modules` and names in
+`accounting`: the stock SQL module into SQLite, for one, is a `sql` stanza (driver rlm_sql_sqlite,
+its sqlite filename and the packaged schema as bootstrap, the table names, and an $INCLUDE of the
+packaged sqlite queries.conf) beside `expr {}`, which those queries call, with 'sql' in accounting."""
 import os
 import re
 
@@ -26,18 +28,20 @@ server default {{
 
 class FreeRadius:
     """FreeRADIUS on 127.0.0.1:port, its files in self.dir. `modules` maps the name of each further
-    accounting module to its configuration, in which {dir} stands for self.dir."""
+    module to its configuration, in which {dir} stands for self.dir; `accounting` names the modules
+    that record each request, in order."""
 
-    def __init__(self, secret, port=1813, modules=None):
+    def __init__(self, secret, port=1813, modules=None, accounting=('detail',)):
         self.secret, self.port, self.dir = secret, port, '/tmp/freeradius-%d' % port
         self.modules = dict(detail='detail { filename = {dir}/detail }', **(modules or {}))
+        self.accounting = accounting
         self.log_path, self.proc = self.dir + '/log', None
 
     def config(self):
         return _RADIUSD_CONF.format(
             secret=self.secret, port=self.port,
             modules='\n'.join('\t' + text.replace('{dir}', self.dir) for text in self.modules.values()),
-            accounting='\n'.join('\t\t' + name for name in self.modules))
+            accounting='\n'.join('\t\t' + name for name in self.accounting))
 
     def start(self):
         os.makedirs(self.dir, exist_ok=True)

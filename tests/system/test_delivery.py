@@ -55,10 +55,9 @@ class Delivery(harness.SystemTest):
         self.assertEqual((len(p), len(b), len(set(p)), len(set(b))), (4, 4, 1, 1))
         # Same Identifier and attributes, signed anew for the backup (as its wait checked).
         self.assertEqual(b[0][:4] + b[0][20:], p[0][:4] + p[0][20:])
-        # Lost after 5 to 8 s, sent again at the next 3-second tick; then every third tick.
-        times = [t for peer in (primary, backup) for t, _ in peer.received]
-        g = [round((b - a) * SPEED, 1) for a, b in zip(times, times[1:])]
-        self.assertTrue(7.5 <= g[0] <= 12 and all(7.5 <= x <= 11.5 for x in g[1:]), g)
+        # The unit tests pin each gap (9 s); here the scheduler's own thread must keep that pace.
+        span = (backup.received[-1][0] - primary.received[0][0]) * SPEED
+        self.assertTrue(55 <= span <= 75, span)
         end = self.wait_console(' accounting fail. Accounting server localhost no response. Try backup.\n')
         self.console.wait_for(' accounting fail. Accounting server 127.0.0.1 no response.\n', end)
         self.assertNotIn('username:', self.daemon.dump())
