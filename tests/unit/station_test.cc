@@ -155,17 +155,17 @@ TEST_F(Station, CloudAssociationAddressAndOweRule)
     // would lie beyond what the driver sent (190 of 192 bytes), taken
     // wherever it lies within, even past the record's end (194 of 200).
     struct accounting_node *s = session(false);
-    std::vector<uint8_t> ip = nl_event(SARNET_CMD_STA_IP, "wlan-1-1");
-    ip.resize(ip.size() + 8);
-    const size_t req = SARNET_ATTR_OFFSET + 4 + offsetof(sarnet_event, data);
-    uint32_t total = static_cast<uint32_t>(ip.size());
-    uint16_t attr = static_cast<uint16_t>(4 + sizeof(sarnet_event) + 8);
-    for (auto [at, len, addr] : {std::tuple<uint16_t, size_t, uint32_t>{190, ip.size() - 8, 9}, {194, ip.size(), 11}}) {
+    for (auto [at, extra, addr] : {std::tuple<uint16_t, size_t, uint32_t>{190, 0, 9}, {194, 8, 11}}) {
+        std::vector<uint8_t> ip = nl_event(SARNET_CMD_STA_IP, "wlan-1-1");
+        ip.resize(ip.size() + extra);
+        const size_t req = SARNET_ATTR_OFFSET + 4 + offsetof(sarnet_event, data);
+        uint32_t total = static_cast<uint32_t>(ip.size());
+        uint16_t attr = static_cast<uint16_t>(4 + sizeof(sarnet_event) + extra);
         memcpy(&ip[0], &total, 4);
         memcpy(&ip[SARNET_ATTR_OFFSET], &attr, 2);
         memcpy(&ip[req], &at, 2);
-        memcpy(&ip[req + at], &addr, 4);
-        netlink_input(ip.data(), len);
+        memcpy(&ip[std::min(req + at, ip.size() - 4)], &addr, 4);
+        feed(ip);
     }
     EXPECT_EQ(s->self->user->user_ip.s_addr, 11u);
 }
