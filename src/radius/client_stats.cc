@@ -62,12 +62,11 @@ struct client_stats_row *row_of(const struct sockaddr_in *at, bool sent_to)
     return &rows[used++];
 }
 
-// Shorter than the header, or than the Length it states: the design reads
-// such a datagram all the same, with what the buffer held before.
+// Shorter than the Length it states, or than a header (all that is known of
+// a datagram refused unread): the design reads such a datagram all the same,
+// with what the buffer held before.
 bool malformed(const struct radius_datagram *d, const AUTH_HDR *response)
 {
-    if (d->length < RADIUS_HDR_LEN)
-        return true;
     ssize_t length = response ? ntohs(response->length) : ssize_t{RADIUS_HDR_LEN};
     return length < RADIUS_HDR_LEN || length > d->length;
 }

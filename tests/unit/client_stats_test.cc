@@ -8,6 +8,7 @@
 
 #include "delivery/scheduler.h"
 #include "frame/control.h"
+#include "radius/compose.h"
 #include "radius/client_stats.h"
 #include "radius/radius_send_recieve.h"
 #include "test_support.h"
@@ -43,7 +44,7 @@ protected:
     static void pass(time_t seconds) { scheduler_pass(testenv::now += seconds); }
 };
 
-TEST_F(ClientStats, OnlyADatagramThatLeftCounts)
+TEST_F(ClientStats, ARequestIsTheFirstDatagramOfAPacketThatLeft)
 {
     radius_sendto_fn capture = radius_sendto;
     radius_sendto = [](int, const void *, size_t, const struct sockaddr_in *) -> ssize_t { return -1; };
@@ -60,6 +61,11 @@ TEST_F(ClientStats, OnlyADatagramThatLeftCounts)
     r = row("127.0.0.1");
     EXPECT_EQ((std::array<uint32_t, 4>{r.requests, r.retransmissions, r.timeouts, r.pending}),
               (std::array<uint32_t, 4>{1, 1, 1, 1}));
+    // A new packet of the same node, as after an answer, is a request again.
+    auto *node = reinterpret_cast<struct accounting_node *>(request_queue_header.next);
+    ASSERT_EQ(accounting_msg(node, ACCOUNTING_ON), 0);
+    send_accounting(node, ACCOUNTING_ON);
+    EXPECT_EQ(row("127.0.0.1").requests, 2u);
 }
 
 TEST_F(ClientStats, ServersBeyondTheTableShareOneRow)
