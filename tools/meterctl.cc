@@ -18,6 +18,7 @@
 
 #include "frame/control.h"
 #include "frame/db_dump.h"
+#include "radius/client_stats.h"
 
 namespace {
 
@@ -444,13 +445,13 @@ int show_dump(bool raw)
 // with name and 0 or 1 pairs, then "server ADDRESS PORT" with name and value
 // pairs. Any figure the daemon adds shows without a change here.
 struct stats_line {
-    enum { MAX_WORDS = 40 };
+    enum { MAX_WORDS = 32 };
     const char *word[MAX_WORDS];
     int count;
 };
 
 struct stats_report {
-    enum { MAX_SERVERS = 64 };
+    enum { MAX_SERVERS = CLIENT_STATS_SERVERS + 1 };
     stats_line extensions;
     stats_line server[MAX_SERVERS];
     int servers;
@@ -574,7 +575,7 @@ int request_stats(const accounting_event_t *ev, bool json)
         return fail(1, "cannot bind a socket for the answer: %s", strerror(err));
     }
     int status = send_event(ev, fd);
-    static char text[65536];
+    static char text[CLIENT_STATS_TEXT + 1];
     ssize_t n = -1;
     struct timespec start;
     clock_gettime(CLOCK_MONOTONIC, &start);
