@@ -10,8 +10,11 @@
 // 0 and 3 both set turn debugging on (a quarter of the frames: every console
 // line opens the console anew), bit 5 (responses) signs the bytes as the
 // answer to the captured request that the selector picks, with the backup
-// secret if bit 6, and bit 7 of the first frame leaves cloud mode where the
-// input exists outside it.
+// secret if bit 6 (responses come from the backup's address then), and bit 7
+// of the first frame leaves cloud mode where the input exists outside it.
+// A request for the delivery counters on the control socket must leave the
+// daemon as it found it, or the run traps.
+#include <arpa/inet.h>
 #include <netdb.h>
 
 #include <algorithm>
@@ -19,6 +22,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "database/portal_users.h"
 #include "delivery/scheduler.h"
@@ -31,6 +35,7 @@
 #include "frame/console.h"
 #include "frame/control.h"
 #include "platform/sim/sim.h"
+#include "radius/client_stats.h"
 #include "radius/compose.h"
 #include "radius/radius_msg.h"
 #include "radius/radius_send_recieve.h"
@@ -63,8 +68,53 @@ accounting_event_t control_rec;
 portal_event_t portal_rec;
 AUTH_HDR response;
 
+size_t length(const list_head *head)
+{
+    size_t n = 0;
+    for (const list_head *p = head->next; p != head; p = p->next)
+        n++;
+    return n;
+}
+
+// What a request for the delivery counters must leave as it found it: the
+// queues with their nodes' deadlines and retries, the scheduler, profiles,
+// sessions, the next Identifier, what was sent, and the counters.
+std::string daemon_state()
+{
+    std::string s = std::to_string(request_id) + ' ' + std::to_string(nsent) + ' ' + std::to_string(debug.load());
+    auto nodes = [&s](list_head *head) {
+        for (list_head *p = head->next; p != head; p = p->next) {
+            const user_accounting_info *self = list_entry(p, accounting_node, queue)->self;
+            s += ' ' + std::to_string(self->report_time) + ':' + std::to_string(self->retry_count) + ':' +
+                 std::to_string(self->server) + ':' + std::to_string(self->sent_to);
+        }
+        s += " |";
+    };
+    for (list_head *head : {&request_queue_header, &fail_queue_header, &id_wait_header})
+        nodes(head);
+    for (list_head *p = total_interim_queue_header.next; p != &total_interim_queue_header; p = p->next)
+        nodes(&list_entry(p, interim_queue, total_interim_queue)->interim_queue_header);
+    for (list_head *head : {&event_header, &total_radius_server_header, &portal_radius_server_header,
+                            &mac_address_header, &ip_change_header})
+        s += ' ' + std::to_string(length(head));
+    char text[CLIENT_STATS_TEXT];
+    client_stats_report(text, sizeof text);
+    return s + text;
+}
+
 void control_input(const void *bytes, size_t n)
 {
+    // A request for the delivery counters, whatever else it holds, changes
+    // nothing but the record's bytes, like any event outside the table.
+    accounting_event_t next = control_rec;
+    memcpy(&next, bytes, std::min(n, sizeof next));
+    if (next.event_id == ACCOUNTING_EVENT_DELIVERY_STATS) {
+        std::string before = daemon_state();
+        ovat_event_input(&control_rec, bytes, n);
+        if (daemon_state() != before)
+            __builtin_trap();
+        return;
+    }
     ovat_event_input(&control_rec, bytes, n);
     if (control_rec.event_id == ACCOUNTING_EVENT_EXIT) {
         // Event 5 leaves each profile's count one high for an Off it never
@@ -144,7 +194,13 @@ void feed(uint8_t flags, uint8_t select, const uint8_t *bytes, size_t n)
             memcpy(buf, bytes, n);
         else
             break;
-        radius_response_input(&response);
+        // From the server whose secret signed it, for the delivery counters.
+        radius_datagram d = {};
+        d.from.sin_family = AF_INET;
+        d.from.sin_addr.s_addr = htonl(flags & 0x40 ? 0x7f000002 : 0x7f000001);
+        d.from.sin_port = htons(1813);
+        d.length = static_cast<ssize_t>(n);
+        radius_response_input(&response, &d);
         break;
     }
     }
@@ -174,6 +230,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const size_t head = response_frames ? 4 : 3;
     now = EPOCH;
     nsent = 0;
+    client_stats_clear();
     request_id = 0;
     memset(&control_rec, 0, sizeof control_rec);
     memset(&portal_rec, 0, sizeof portal_rec);

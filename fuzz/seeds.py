@@ -69,6 +69,9 @@ SEEDS = {
         b''.join(frame(control(0), later(6) | PASS) for _ in range(10)),
         'debug_dump': frame(control(101)) + frame(control(102)) + frame(control(100)),
         'short_repeat': frame(control(4, config('wlan-1-6', 'localhost')))[:3 + 200] + frame(b''),
+        # The delivery counters: whole, with a payload, cut to the number, then one byte over it.
+        'stats': frame(control(103), DEBUG) + frame(control(103, text('wlan-1-1', 64)), later(6) | PASS) +
+        frame(control(103)[:8]) + frame(b'\x67'),
     },
     'portal': {
         'two': frame(portal({0: ('127.0.0.1', '127.0.0.2'), 9: ('127.0.0.1',)}), DEBUG),

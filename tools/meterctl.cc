@@ -1,6 +1,7 @@
 // meterctl: the operator's end of meterd's control socket. The socket is
-// one-way, so every argument is checked here, before a datagram leaves: the
-// daemon would cut a long text without a word and act on the stump.
+// one-way but for the delivery counters, so every argument is checked here,
+// before a datagram leaves: the daemon would cut a long text without a word
+// and act on the stump.
 #include <errno.h>
 #include <poll.h>
 #include <sys/inotify.h>
@@ -10,16 +11,18 @@
 #include <unistd.h>
 
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "frame/control.h"
 #include "frame/db_dump.h"
+#include "radius/client_stats.h"
 
 namespace {
 
-enum { EXIT_USAGE = 2, DUMP_WAIT_MS = 2000 };
+enum { EXIT_USAGE = 2, DUMP_WAIT_MS = 2000, STATS_WAIT_MS = 2000 };
 
 const char kUsage[] =
     "usage: meterctl [--help] COMMAND [ARGUMENTS]\n"
@@ -34,6 +37,7 @@ const char kUsage[] =
     "  exit        send the Accounting-Off of every profile (meterd keeps running)\n"
     "  debug       turn console diagnostics on or off\n"
     "  dump        show the scheduler and the delivery queues\n"
+    "  stats       show the delivery counters of each server and the extensions on\n"
     "\n"
     "meterctl COMMAND --help describes a command.\n";
 
@@ -146,6 +150,12 @@ int build_dump(char **, int, accounting_event_t *ev)
     return 0;
 }
 
+int build_stats(char **, int, accounting_event_t *ev)
+{
+    ev->event_id = ACCOUNTING_EVENT_DELIVERY_STATS;
+    return 0;
+}
+
 const command kCommands[] = {
     {"add", 4, 7, "usage: meterctl add INTERFACE HOST PORT SECRET [BACKUP_HOST BACKUP_PORT BACKUP_SECRET]\n"
      "\n"
@@ -184,22 +194,32 @@ const command kCommands[] = {
      "Has meterd write " METERD_DB_DUMP " and shows it: the scheduler's entries and\n"
      "each queue's nodes, with times relative to now. --raw prints the file as it is.\n",
      build_dump},
+    {"stats", 0, 0, "usage: meterctl stats [--json]\n"
+     "\n"
+     "Shows meterd's delivery counters of each RADIUS server since it started:\n"
+     "requests, retransmissions, datagrams received and what was wrong with them,\n"
+     "requests pending, time-outs and the round trip of the last answer; and which\n"
+     "extensions are on. --json prints them for scripts.\n",
+     build_stats},
 };
 
-int send_event(const accounting_event_t *ev)
+// Sends the record from fd, or from a socket of its own made for it when fd
+// is -1.
+int send_event(const accounting_event_t *ev, int fd = -1)
 {
-    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
+    int own = fd < 0 ? socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0) : -1;
+    if (fd < 0 && own < 0)
         return fail(1, "cannot make a socket: %s", strerror(errno));
     struct sockaddr_un addr;
     memset(&addr, 0, sizeof addr);
     addr.sun_family = AF_UNIX;
     memcpy(addr.sun_path, ACCOUNTING_SOCK, sizeof ACCOUNTING_SOCK);
     // Never wait: a daemon stuck under its lock would hang the operator too.
-    ssize_t sent = sendto(fd, ev, sizeof *ev, MSG_DONTWAIT, reinterpret_cast<struct sockaddr *>(&addr),
-                          sizeof addr);
+    ssize_t sent = sendto(fd < 0 ? own : fd, ev, sizeof *ev, MSG_DONTWAIT,
+                          reinterpret_cast<struct sockaddr *>(&addr), sizeof addr);
     int err = errno;
-    close(fd);
+    if (own >= 0)
+        close(own);
     if (sent == static_cast<ssize_t>(sizeof *ev))
         return 0;
     if (sent >= 0 || err == EAGAIN)
@@ -421,6 +441,171 @@ int show_dump(bool raw)
     return 0;
 }
 
+// The delivery counters as meterd reports them: lines of words, "extensions"
+// with name and 0 or 1 pairs, then "server ADDRESS PORT" with name and value
+// pairs. Any figure the daemon adds shows without a change here.
+struct stats_line {
+    enum { MAX_WORDS = 32 };
+    const char *word[MAX_WORDS];
+    int count;
+};
+
+struct stats_report {
+    enum { MAX_SERVERS = CLIENT_STATS_SERVERS + 1 };
+    stats_line extensions;
+    stats_line server[MAX_SERVERS];
+    int servers;
+};
+
+int larger(int a, int b)
+{
+    return a > b ? a : b;
+}
+
+bool all_of(const char *s, const char *set)
+{
+    return *s && strspn(s, set) == strlen(s);
+}
+
+// Splits text in place; false if it is not a report.
+bool parse_stats(char *text, stats_report *r)
+{
+    r->extensions.count = 0;
+    r->servers = 0;
+    for (char *save = nullptr, *line = strtok_r(text, "\n", &save); line; line = strtok_r(nullptr, "\n", &save)) {
+        stats_line l;
+        l.count = 0;
+        for (char *s2 = nullptr, *w = strtok_r(line, " ", &s2); w; w = strtok_r(nullptr, " ", &s2)) {
+            if (l.count == stats_line::MAX_WORDS)
+                return false;
+            l.word[l.count++] = w;
+        }
+        bool server = strcmp(l.word[0], "server") == 0;
+        int first = server ? 3 : 1;
+        if ((!server && strcmp(l.word[0], "extensions") != 0) || l.count < first || (l.count - first) % 2 ||
+            (server && !all_of(l.word[2], "0123456789")))
+            return false;
+        for (int i = first; i < l.count; i += 2)
+            if (!all_of(l.word[i], "abcdefghijklmnopqrstuvwxyz_") || !all_of(l.word[i + 1], "0123456789"))
+                return false;
+        if (!server)
+            r->extensions = l;
+        else if (r->servers < stats_report::MAX_SERVERS)
+            r->server[r->servers++] = l;
+    }
+    return true;
+}
+
+void print_stats_json(const stats_report *r)
+{
+    printf("{\"extensions\": {");
+    for (int i = 1; i < r->extensions.count; i += 2)
+        printf("%s\"%s\": %s", i > 1 ? ", " : "", r->extensions.word[i],
+               strcmp(r->extensions.word[i + 1], "0") ? "true" : "false");
+    printf("}, \"servers\": [");
+    for (int s = 0; s < r->servers; s++) {
+        const stats_line &l = r->server[s];
+        printf("%s{\"address\": \"%s\", \"port\": %s", s ? ", " : "", l.word[1], l.word[2]);
+        for (int i = 3; i < l.count; i += 2)
+            printf(", \"%s\": %s", l.word[i], l.word[i + 1]);
+        printf("}");
+    }
+    printf("]}\n");
+}
+
+// A column a server, a line a figure; names with blanks for underscores.
+void print_stats_table(const stats_report *r)
+{
+    printf("extensions:");
+    int on = 0;
+    for (int i = 1; i < r->extensions.count; i += 2)
+        if (strcmp(r->extensions.word[i + 1], "0") != 0)
+            printf("%s %s", on++ ? "," : "", r->extensions.word[i]);
+    printf("%s\n\n", on ? "" : " none");
+    if (r->servers == 0) {
+        printf("no request sent yet\n");
+        return;
+    }
+    char head[stats_report::MAX_SERVERS][32];
+    int width[stats_report::MAX_SERVERS], label = 0;
+    const stats_line &first = r->server[0];
+    for (int i = 3; i < first.count; i += 2)
+        label = larger(label, static_cast<int>(strlen(first.word[i])));
+    for (int s = 0; s < r->servers; s++) {
+        const stats_line &l = r->server[s];
+        if (strcmp(l.word[1], "other") == 0)
+            snprintf(head[s], sizeof head[s], "other");
+        else
+            snprintf(head[s], sizeof head[s], "%s:%s", l.word[1], l.word[2]);
+        width[s] = static_cast<int>(strlen(head[s]));
+        for (int i = 4; i < l.count; i += 2)
+            width[s] = larger(width[s], static_cast<int>(strlen(l.word[i])));
+    }
+    printf("%-*s", label, "");
+    for (int s = 0; s < r->servers; s++)
+        printf("  %*s", width[s], head[s]);
+    printf("\n");
+    for (int i = 3; i < first.count; i += 2) {
+        char name[64];
+        snprintf(name, sizeof name, "%s", first.word[i]);
+        for (char *p = name; *p; p++)
+            *p = *p == '_' ? ' ' : *p;
+        printf("%-*s", label, name);
+        for (int s = 0; s < r->servers; s++) {
+            const stats_line &l = r->server[s];
+            printf("  %*s", width[s], i + 1 < l.count ? l.word[i + 1] : "");
+        }
+        printf("\n");
+    }
+}
+
+// Asks from a socket of its own, which the system names, and takes the
+// answer that comes from the daemon's socket to it.
+int request_stats(const accounting_event_t *ev, bool json)
+{
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return fail(1, "cannot make a socket: %s", strerror(errno));
+    struct sockaddr_un self;
+    memset(&self, 0, sizeof self);
+    self.sun_family = AF_UNIX;
+    if (bind(fd, reinterpret_cast<struct sockaddr *>(&self), sizeof self.sun_family) < 0) {
+        int err = errno;
+        close(fd);
+        return fail(1, "cannot bind a socket for the answer: %s", strerror(err));
+    }
+    int status = send_event(ev, fd);
+    static char text[CLIENT_STATS_TEXT + 1];
+    ssize_t n = -1;
+    struct timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    for (long left; status == 0 && n < 0 && (left = STATS_WAIT_MS - elapsed_ms(&start)) > 0;) {
+        struct pollfd pfd = {fd, POLLIN, 0};
+        if (poll(&pfd, 1, static_cast<int>(left)) <= 0)
+            continue;
+        struct sockaddr_un from;
+        socklen_t from_len = sizeof from;
+        n = recvfrom(fd, text, sizeof text - 1, 0, reinterpret_cast<struct sockaddr *>(&from), &from_len);
+        if (n >= 0 && (from_len <= offsetof(struct sockaddr_un, sun_path) ||
+                       strncmp(from.sun_path, ACCOUNTING_SOCK, sizeof from.sun_path) != 0))
+            n = -1;  // not from the daemon
+    }
+    close(fd);
+    if (status != 0)
+        return status;
+    if (n < 0)
+        return fail(1, "meterd did not answer within %d s", STATS_WAIT_MS / 1000);
+    text[n] = '\0';
+    static stats_report report;
+    if (!parse_stats(text, &report))
+        return fail(1, "meterd's answer is not a report of delivery counters");
+    if (json)
+        print_stats_json(&report);
+    else
+        print_stats_table(&report);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char **argv)
@@ -443,7 +628,7 @@ int main(int argc, char **argv)
     // Options first; "--" lets a secret begin with a dash.
     char *arg[8];
     int n = 0;
-    bool raw = false, options = true;
+    bool raw = false, json = false, options = true;
     for (int i = 2; i < argc; i++) {
         if (options && strcmp(argv[i], "--") == 0) {
             options = false;
@@ -452,6 +637,8 @@ int main(int argc, char **argv)
             return 0;
         } else if (options && cmd->build == build_dump && strcmp(argv[i], "--raw") == 0) {
             raw = true;
+        } else if (options && cmd->build == build_stats && strcmp(argv[i], "--json") == 0) {
+            json = true;
         } else if (options && argv[i][0] == '-' && argv[i][1] && (argv[i][1] < '0' || argv[i][1] > '9')) {
             return fail(EXIT_USAGE, "unknown option '%s' for %s (see meterctl %s --help)", argv[i],
                         cmd->name, cmd->name);
@@ -473,6 +660,8 @@ int main(int argc, char **argv)
     int status = cmd->build(arg, n, &ev);
     if (status != 0)
         return status;
+    if (cmd->build == build_stats)
+        return request_stats(&ev, json);
     if (cmd->build != build_dump)
         return send_event(&ev);
     status = request_dump(&ev);

@@ -93,6 +93,12 @@ struct user_node_info {
 struct user_accounting_info {
     struct user_node_info *user;  // owned; NULL marks an on/off node
     unsigned short queue_type;    // last queue asked for; nothing decides on it
+    // Delivery counters (radius/client_stats): 1 + the table row of the
+    // server that the current packet last went to, 0 before it went anywhere;
+    // and when it went, in monotonic milliseconds. On 64-bit targets both
+    // stand where padding was, so a node is no larger.
+    unsigned char sent_to;
+    uint32_t sent_ms;
     struct accounting_radius *acct_radius;  // not owned
     AUTH_HDR *request;            // owned; the packet of the current transaction
     int retry_count;

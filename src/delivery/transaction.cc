@@ -10,6 +10,7 @@
 #include "frame/console.h"
 #include "frame/extensions.h"
 #include "platform/station_lookups.h"
+#include "radius/client_stats.h"
 #include "radius/compose.h"
 #include "radius/radius_msg.h"
 #include "radius/radius_send_recieve.h"
@@ -140,8 +141,15 @@ void session_counters(struct accounting_node *node, conn_t *counters)
     *counters = self->conn_tx_rx_status;
 }
 
-const struct radius_client_ops owner = {find_request, answered, session_address, session_counters,
-                                        free_identifier};
+void each_waiting(void (*each)(const struct user_accounting_info *self))
+{
+    struct list_head *pos;
+    list_for_each(pos, &request_queue_header)
+        each(list_entry(pos, struct accounting_node, queue)->self);
+}
+
+const struct radius_client_ops owner = {find_request,     answered,        session_address,
+                                        session_counters, free_identifier, each_waiting};
 
 }  // namespace
 
@@ -187,6 +195,7 @@ void fail_handler(struct accounting_node *node)
 {
     struct user_accounting_info *self = node->self;
     struct accounting_radius *radius = self->acct_radius;
+    client_stats_timeout(self);
 
     // The budget belongs to the node, not to the transaction: a response
     // does not reset it, so earlier time-outs of the session count here too.

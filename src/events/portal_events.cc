@@ -60,7 +60,7 @@ void *portal_event_handler_ovat(void *)
     portal_event_t rec;
     unsigned char buf[sizeof rec];
     domain_socket_serve(ACCOUNTING_PORTAL_SOCK, &rec, buf, sizeof rec, __func__,
-                        [](void *r, const void *data, size_t len) {
+                        [](void *r, const void *data, size_t len, const struct domain_socket_peer *) {
                             portal_event_input(static_cast<portal_event_t *>(r), data, len);
                         });
     return nullptr;

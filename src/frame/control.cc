@@ -8,8 +8,25 @@
 #include "frame/db_dump.h"
 #include "frame/domain_socket.h"
 #include "frame/meterd.h"
+#include "radius/client_stats.h"
 
-void ovat_event_input(accounting_event_t *rec, const void *data, size_t len)
+namespace {
+
+// The delivery counters go back to the sender alone, at once or never: the
+// daemon does not wait for a reader, and without a sender (tests) the
+// report is made and goes nowhere.
+void delivery_stats(const struct domain_socket_peer *to)
+{
+    char text[CLIENT_STATS_TEXT];
+    size_t n = client_stats_report(text, sizeof text);
+    if (to)
+        domain_socket_reply(to, text, n);
+}
+
+}  // namespace
+
+void ovat_event_input(accounting_event_t *rec, const void *data, size_t len,
+                      const struct domain_socket_peer *from)
 {
     memcpy(rec, data, len < sizeof *rec ? len : sizeof *rec);
     TRACE("receive ovat event. %lld\n", static_cast<long long>(rec->event_id));
@@ -41,6 +58,9 @@ void ovat_event_input(accounting_event_t *rec, const void *data, size_t len)
     case ACCOUNTING_EVENT_DEBUG_DUMP:
         debug_print_db_info();
         break;
+    case ACCOUNTING_EVENT_DELIVERY_STATS:
+        delivery_stats(from);
+        break;
     default:
         break;
     }
@@ -52,8 +72,8 @@ void *do_event_handler_ovat(void *)
     accounting_event_t rec;
     unsigned char buf[sizeof rec];
     domain_socket_serve(ACCOUNTING_SOCK, &rec, buf, sizeof rec, __func__,
-                        [](void *r, const void *data, size_t len) {
-                            ovat_event_input(static_cast<accounting_event_t *>(r), data, len);
+                        [](void *r, const void *data, size_t len, const struct domain_socket_peer *from) {
+                            ovat_event_input(static_cast<accounting_event_t *>(r), data, len, from);
                         });
     return nullptr;
 }

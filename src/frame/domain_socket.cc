@@ -31,7 +31,8 @@ ssize_t domain_socket_recvfrom(int sockfd, void *msg, size_t msglen, struct sock
 }
 
 void domain_socket_serve(const char *path, void *rec, void *buf, size_t size, const char *thread,
-                         void (*input)(void *rec, const void *data, size_t len))
+                         void (*input)(void *rec, const void *data, size_t len,
+                                       const struct domain_socket_peer *from))
 {
     struct sockaddr_un addr;
     int fd = domain_socket_create(path, &addr);
@@ -41,14 +42,26 @@ void domain_socket_serve(const char *path, void *rec, void *buf, size_t size, co
     // whatever the stack held; later datagrams keep the documented carry-over.
     memset(rec, 0, size);
     for (;;) {
-        struct sockaddr_un from;
-        ssize_t n = domain_socket_recvfrom(fd, buf, size, &from);
+        // The address's own length: an abstract or unnamed sender's address
+        // is shorter than the record.
+        struct domain_socket_peer from;
+        from.fd = fd;
+        from.addr_len = sizeof from.addr;
+        ssize_t n = recvfrom(fd, buf, size, 0, reinterpret_cast<struct sockaddr *>(&from.addr),
+                             &from.addr_len);
         if (n == -1) {
             fprintf(stderr, "%s-%s-%d: msgrcv fail!!\n", "accounting", thread, __LINE__);
             fprintf(stderr, "size: %zu\n", size);
             perror("msgrcv");
             continue;
         }
-        input(rec, buf, static_cast<size_t>(n));
+        input(rec, buf, static_cast<size_t>(n), &from);
     }
+}
+
+int domain_socket_reply(const struct domain_socket_peer *to, const void *msg, size_t len)
+{
+    ssize_t sent = sendto(to->fd, msg, len, MSG_DONTWAIT | MSG_NOSIGNAL,
+                          reinterpret_cast<const struct sockaddr *>(&to->addr), to->addr_len);
+    return sent == static_cast<ssize_t>(len) ? 0 : -1;
 }

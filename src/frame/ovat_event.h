@@ -18,6 +18,9 @@ enum {
     ACCOUNTING_EVENT_DEBUG_OFF = 100,
     ACCOUNTING_EVENT_DEBUG_ON = 101,
     ACCOUNTING_EVENT_DEBUG_DUMP = 102,
+    // Beyond the design: the delivery counters, answered to the sender
+    // alone; it reads no payload and changes nothing.
+    ACCOUNTING_EVENT_DELIVERY_STATS = 103,
 };
 
 struct ovat_ac_ip_change {

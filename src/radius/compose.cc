@@ -259,6 +259,7 @@ int accounting_msg(struct accounting_node *node, int status)
     add_tail(req, node, status);
 
     self->request = req;
+    self->sent_to = 0;
     if (id < 0)
         return 1;
     sign(self);

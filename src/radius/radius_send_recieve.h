@@ -15,6 +15,7 @@
 #include <cstdint>
 
 #include "database/accounting.h"
+#include "radius/client_stats.h"
 #include "radius/radius_msg.h"
 
 // What the client asks of the owner of the requests. Each runs under `mutex`.
@@ -33,6 +34,8 @@ struct radius_client_ops {
     // The first Identifier from `from` on, wrapping, that no request in
     // flight holds, or -1 when all 256 are held (unique Identifiers only).
     int (*free_identifier)(uint8_t from);
+    // Delivery counters: calls each for every request waiting for its answer.
+    void (*each_waiting)(void (*each)(const struct user_accounting_info *self));
 };
 // Registered once, before any request is sent or any answer read.
 void radius_client_register(const struct radius_client_ops *ops);
@@ -52,15 +55,18 @@ int radius_init(void);
 // server that node_server names. 0 if the datagram was handed to the
 // system, -1 if not.
 int send_accounting(struct accounting_node *node, int status);
-// 0 if a datagram of 1..1023 bytes now stands in response, else -1.
-int radius_recv(AUTH_HDR *response);
+// 0 if a datagram of 1..1023 bytes now stands in response, else -1. d
+// receives the sender and the size of whatever datagram came (the delivery
+// counters'); its length is -1 after a failed read.
+int radius_recv(AUTH_HDR *response, struct radius_datagram *d);
 
 // One accepted datagram standing in the thread's receive buffer, of which
 // only the first RADIUS_RECV_LEN bytes are ever read; a short datagram leaves
 // the earlier bytes in place. Matches it to its request, verifies it and
-// hands it to the owner.
+// hands it to the owner. d, its sender and size, is for the delivery
+// counters alone; without it the datagram is not counted.
 // Takes `mutex` itself for the event.
-void radius_response_input(AUTH_HDR *response);
+void radius_response_input(AUTH_HDR *response, const struct radius_datagram *d = nullptr);
 void *do_response_receive(void *argv);
 
 #endif

@@ -13,6 +13,7 @@
 
 #include "database/profiles.h"
 #include "frame/console.h"
+#include "radius/client_stats.h"
 #include "radius/compose.h"
 
 int sockfd = -1;
@@ -102,11 +103,15 @@ int send_accounting(struct accounting_node *node, int status)
         TRACE("%s\n", strerror(err));
         return -1;
     }
+    client_stats_sent(self, &to);
     return 0;
 }
 
-int radius_recv(AUTH_HDR *response)
+int radius_recv(AUTH_HDR *response, struct radius_datagram *d)
 {
-    ssize_t n = recvfrom(sockfd, response, RADIUS_RECV_LEN, 0, nullptr, nullptr);
+    socklen_t from_len = sizeof d->from;
+    ssize_t n = recvfrom(sockfd, response, RADIUS_RECV_LEN, 0,
+                         reinterpret_cast<struct sockaddr *>(&d->from), &from_len);
+    d->length = n;
     return (n >= 1 && n <= RADIUS_RECV_LEN - 1) ? 0 : -1;
 }

@@ -1,0 +1,92 @@
+// Delivery counters: what the table alone decides. The figures themselves
+// are checked end to end against scripted servers (system test "stats").
+#include <arpa/inet.h>
+
+#include <array>
+#include <cstring>
+#include <string>
+
+#include "delivery/scheduler.h"
+#include "frame/control.h"
+#include "radius/compose.h"
+#include "radius/client_stats.h"
+#include "radius/radius_send_recieve.h"
+#include "test_support.h"
+
+namespace {
+
+class ClientStats : public DbTest {
+protected:
+    void SetUp() override
+    {
+        DbTest::SetUp();
+        client_stats_clear();
+    }
+
+    static void add_profile(const char *iface, const char *server)
+    {
+        accounting_event_t rec;
+        accounting_event_t ev = control_event(ACCOUNTING_EVENT_INIT, profile_config(iface, server, "s"));
+        ovat_event_input(&rec, &ev, sizeof ev);
+    }
+
+    // The row of server:1813, or an empty one with requests 99 if it has none.
+    static client_stats_row row(const char *server)
+    {
+        struct in_addr addr;
+        inet_aton(server, &addr);
+        client_stats_row r = {};
+        if (client_stats_of(addr, 1813, &r) != 0)
+            r.requests = 99;
+        return r;
+    }
+
+    static void pass(time_t seconds) { scheduler_pass(testenv::now += seconds); }
+};
+
+TEST_F(ClientStats, ARequestIsTheFirstDatagramOfAPacketThatLeft)
+{
+    radius_sendto_fn capture = radius_sendto;
+    radius_sendto = [](int, const void *, size_t, const struct sockaddr_in *) -> ssize_t { return -1; };
+    add_profile("wlan-1-1", "127.0.0.1");
+    EXPECT_EQ(row("127.0.0.1").requests, 99u);  // no row: nothing went there
+    radius_sendto = capture;
+    pass(6);  // its deadline: no time-out of what never left
+    pass(3);
+    client_stats_row r = row("127.0.0.1");
+    EXPECT_EQ((std::array<uint32_t, 4>{r.requests, r.retransmissions, r.timeouts, r.pending}),
+              (std::array<uint32_t, 4>{1, 0, 0, 1}));
+    pass(6);
+    pass(3);
+    r = row("127.0.0.1");
+    EXPECT_EQ((std::array<uint32_t, 4>{r.requests, r.retransmissions, r.timeouts, r.pending}),
+              (std::array<uint32_t, 4>{1, 1, 1, 1}));
+    // A new packet of the same node, as after an answer, is a request again.
+    auto *node = reinterpret_cast<struct accounting_node *>(request_queue_header.next);
+    ASSERT_EQ(accounting_msg(node, ACCOUNTING_ON), 0);
+    send_accounting(node, ACCOUNTING_ON);
+    EXPECT_EQ(row("127.0.0.1").requests, 2u);
+}
+
+TEST_F(ClientStats, ServersBeyondTheTableShareOneRow)
+{
+    for (int i = 1; i <= CLIENT_STATS_SERVERS + 2; i++) {
+        std::string server = "10.0.0." + std::to_string(i);
+        add_profile(("wlan-1-" + std::to_string(i)).c_str(), server.c_str());
+    }
+    EXPECT_EQ(row("10.0.0.32").requests, 1u);
+    EXPECT_EQ(row("10.0.0.33").requests, 99u);
+    char text[CLIENT_STATS_TEXT];
+    client_stats_report(text, sizeof text);
+    std::string report = text;
+    EXPECT_NE(report.find("\nserver 10.0.0.32 1813 requests 1 "), std::string::npos);
+    EXPECT_NE(report.find("\nserver other 0 requests 2 retransmissions 0 responses 0 malformed 0 "
+                          "bad_authenticators 0 unknown_types 0 dropped 0 pending 2 timeouts 0 "
+                          "round_trip_ms 0\n"),
+              std::string::npos);
+    // A report cut short is still a text.
+    EXPECT_EQ(client_stats_report(text, 16), 15u);
+    EXPECT_STREQ(text, "extensions giga");
+}
+
+}  // namespace
