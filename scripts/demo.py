@@ -13,6 +13,8 @@ import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'tests', 'system'))
 import harness  # noqa: E402
+import records  # noqa: E402
+from freeradius import FreeRadius  # noqa: E402
 
 SECRET, SPEED = 'testing123', 10
 STATIONS = [('alice', 'aa:bb:cc:00:00:01', '10.0.0.11'), ('bob', 'aa:bb:cc:00:00:02', '10.0.0.12'),
@@ -54,7 +56,7 @@ def wait(server, status, count):
 
 def normal_day(daemon, server):
     step('a profile for wlan-1-1 over the control socket: Accounting-On')
-    daemon.send(harness.ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
+    daemon.send(records.ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
     wait(server, 'Accounting-On', 1)
     step('three stations log in and the HAL reports their addresses: a Start each')
     for user, mac, ip in STATIONS:
@@ -77,7 +79,7 @@ def normal_day(daemon, server):
         devsim('disassoc', '--mac', mac, '--iface', 'wlan-1-1')
     wait(server, 'Stop', 3)
     step('the profile is removed: Accounting-Off')
-    daemon.send(harness.event(harness.EV_REMOVE, 'wlan-1-1'))
+    daemon.send(records.event(records.EV_REMOVE, 'wlan-1-1'))
     wait(server, 'Accounting-Off', 1)
 
 
@@ -116,7 +118,7 @@ def main():
         os.makedirs('/tmp/devsim', exist_ok=True)
         with open('/tmp/devsim/hybridmode', 'w') as f:
             f.write('5\n')
-    server, daemon = harness.FreeRadius(SECRET), harness.Meterd(['-d'], speed=SPEED)
+    server, daemon = FreeRadius(SECRET), harness.Meterd(['-d'], speed=SPEED)
     server.start()
     daemon.start()
     stop = threading.Event()
