@@ -1,8 +1,10 @@
 #!/usr/bin/python3
 """Runs meterd on the simulated access point against a local FreeRADIUS, inside a private
 namespace of its own, and plays a short day of an access point with devsim: a profile, stations
-that log in, get addresses, send traffic and leave. Every record FreeRADIUS writes is shown as it
-arrives. --cloud plays the same in cloud mode: portal profiles and UAM logins.
+that log in, get addresses, send traffic and leave; then a session past 4 GiB, by default and with
+meterd -x, and the radacct rows that FreeRADIUS's stock SQL accounting wrote of it into SQLite. Every
+record FreeRADIUS writes is shown as it arrives. --cloud plays the same day in cloud mode: portal
+profiles and UAM logins.
 The daemon runs on a clock ten times faster, so that Interim-Updates come within seconds."""
 import os
 import subprocess
@@ -19,7 +21,11 @@ SECRET, SPEED = 'testing123', 10
 STATIONS = [('alice', 'aa:bb:cc:00:00:01', '10.0.0.11'), ('bob', 'aa:bb:cc:00:00:02', '10.0.0.12'),
             ('carol', 'aa:bb:cc:00:00:03', '10.0.0.13')]
 SHOWN = ('Acct-Status-Type', 'User-Name', 'Acct-Session-Id', 'Calling-Station-Id', 'Framed-IP-Address',
-         'Acct-Input-Octets', 'Acct-Output-Octets', 'Acct-Session-Time', 'Acct-Terminate-Cause')
+         'Acct-Input-Octets', 'Acct-Output-Octets', 'Acct-Input-Gigawords', 'Acct-Output-Gigawords',
+         'Acct-Session-Time', 'Acct-Terminate-Cause')
+GIB = 2 ** 30
+RADACCT = ("SELECT username, acctsessionid, acctsessiontime, acctinputoctets, acctoutputoctets, printf('%.2f', acctinputoctets / 1073741824.0) AS in_gib, "
+           "printf('%.2f', acctoutputoctets / 1073741824.0) AS out_gib, acctterminatecause FROM radacct")
 
 
 def step(text):
@@ -81,6 +87,45 @@ def normal_day(daemon, server):
     wait(server, 'Accounting-Off', 1)
 
 
+def large_session(server, user, mac, ip):
+    """A session that moves 6.4 GiB up and 9.7 GiB down: the device counts past 4 GiB before its
+    Interim-Update, and the driver's counters event before the disassociation gives the Stop's."""
+    def count(status):
+        return sum(r.get('Acct-Status-Type') == status for r in server.records())
+    done = {status: count(status) for status in ('Start', 'Interim-Update', 'Stop')}
+    devsim('station', 'add', '--mac', mac, '--ip', ip, '--rx', 0, '--tx', 0)
+    devsim('login', '--user', user, '--mac', mac, '--iface', 'wlan-1-1', '--interim', 30)
+    devsim('report', '--mac', mac, '--ip', ip)
+    wait(server, 'Start', done['Start'] + 1)
+    devsim('station', 'set', '--mac', mac, '--rx', int(4.6 * GIB), '--tx', int(6.2 * GIB))
+    wait(server, 'Interim-Update', done['Interim-Update'] + 1)
+    devsim('counters', '--mac', mac, '--iface', 'wlan-1-1', '--rx', int(6.4 * GIB), '--tx', int(9.7 * GIB))
+    devsim('disassoc', '--mac', mac, '--iface', 'wlan-1-1')
+    wait(server, 'Stop', done['Stop'] + 1)
+
+
+def large_sessions(daemon, server):
+    """The same large session by default and with meterd -x; returns the daemon that runs last."""
+    step('dave moves 6.4 GiB up and 9.7 GiB down. By design a counter past 2 GiB reads as 0 at the '
+         'Interim-Update, and the Stop carries the low 32 bits of the driver\'s counters')
+    daemon.send(records.ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
+    wait(server, 'Accounting-On', 2)
+    large_session(server, 'dave', 'aa:bb:cc:00:00:04', '10.0.0.14')
+    step('meterd -x (extended accounting): erin moves as much; Gigawords carry the high 32 bits')
+    daemon.stop()
+    os.unlink(harness.PID_FILE)
+    daemon = harness.Meterd(['-d', '-x'], speed=SPEED)
+    daemon.start()
+    daemon.send(records.ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
+    wait(server, 'Accounting-On', 3)
+    large_session(server, 'erin', 'aa:bb:cc:00:00:05', '10.0.0.15')
+    step('radacct, the table that FreeRADIUS\'s stock SQL accounting keeps in %s/radacct.db: one row a '
+         'session, its octets Gigawords << 32 | Octets' % server.dir)
+    print('$ sqlite3 -header -column radacct.db "%s"' % RADACCT, flush=True)
+    subprocess.run(['sqlite3', '-header', '-column', server.dir + '/radacct.db', RADACCT], check=True)
+    return daemon
+
+
 def cloud_day(daemon, server):
     step('cloud mode: one portal datagram configures wlan-1-1 and wlan-1-2: Accounting-On each')
     devsim('portal', '--entry', 'wlan-1-1', 'host=127.0.0.1,port=1813,secret=' + SECRET + ',interim=5',
@@ -116,7 +161,7 @@ def main():
         os.makedirs('/tmp/devsim', exist_ok=True)
         with open('/tmp/devsim/hybridmode', 'w') as f:
             f.write('5\n')
-    server, daemon = FreeRadius(SECRET), harness.Meterd(['-d'], speed=SPEED)
+    server, daemon = FreeRadius(SECRET, sql=True), harness.Meterd(['-d'], speed=SPEED)
     server.start()
     daemon.start()
     stop = threading.Event()
@@ -125,6 +170,8 @@ def main():
         print('FreeRADIUS on 127.0.0.1:1813 (secret "%s"); meterd on the simulated access point, %s mode'
               % (SECRET, 'cloud' if cloud else 'standalone'))
         (cloud_day if cloud else normal_day)(daemon, server)
+        if not cloud:
+            daemon = large_sessions(daemon, server)
         time.sleep(0.3)
         step('done: every record above is in %s/detail' % server.dir)
     finally:
