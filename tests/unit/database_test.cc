@@ -1,6 +1,6 @@
 // The database: MAC forms, controller changes, the portal NAS address, and
 // text fields without terminators. Allocation failure: alloc_fail_test.cc;
-// a removed profile's sessions: the leak check of every test that has some.
+// a removed profile's sessions: the control event 2 path there.
 #include <arpa/inet.h>
 #include <unistd.h>
 
