@@ -2,7 +2,6 @@
 // that it drives.
 #include <arpa/inet.h>
 
-#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -10,9 +9,9 @@
 #include "database/profiles.h"
 #include "delivery/queues.h"
 #include "delivery/scheduler.h"
+#include "delivery/transaction.h"
 #include "frame/memory.h"
 #include "radius/radius_msg.h"
-#include "radius/radius_send_recieve.h"
 #include "test_support.h"
 
 static struct list_head a, b, c, d, *const rq = &request_queue_header, *const fq = &fail_queue_header;
@@ -36,12 +35,6 @@ static Nodes on(struct list_head *head)
     for (struct list_head *p = head->next; p != head; p = p->next)
         v.push_back(reinterpret_cast<struct accounting_node *>(p));
     return v;
-}
-
-static void first_transmission(struct accounting_node *n, int status)
-{
-    send_accounting(n, status);
-    insert_node_to_queue(n, QUEUE_TYPE_REQUEST);
 }
 
 // Passes 3 seconds apart, as the thread makes them, until the queues are
@@ -144,10 +137,10 @@ TEST_F(Delivery, FourToThePrimaryThenFourToTheBackup)
 {
     struct accounting_radius *r =
         make_profile("wlan-1-1", "192.0.2.1", "primary-secret", "192.0.2.2", "backup-secret");
-    first_transmission(add_new_node_for_on_off(r), ACCOUNTING_ON);
+    transaction_begin(add_new_node_for_on_off(r), ACCOUNTING_ON);
     // A name that never resolved leaves 0.0.0.0, which means this host: its
     // node waits and fails like the others, but nothing is sent.
-    first_transmission(add_new_node_for_on_off(make_profile("wlan-1-2", "0.0.0.0", "s")), ACCOUNTING_ON);
+    transaction_begin(add_new_node_for_on_off(make_profile("wlan-1-2", "0.0.0.0", "s")), ACCOUNTING_ON);
     EXPECT_EQ(list_length(rq), 2u);
     // Retransmissions three passes apart; given up at 69 s, the last entry
     // being the end. That each copy is the first one, re-signed for the
@@ -164,17 +157,17 @@ TEST_F(Delivery, RemovedProfileIsReleasedByItsLastOnOffNode)
 {
     // Without a server nothing is sent, and the node is dropped at its deadline.
     struct accounting_radius *r = make_profile("wlan-1-3", "", "");
-    first_transmission(add_new_node_for_on_off(r), ACCOUNTING_OFF);
+    transaction_begin(add_new_node_for_on_off(r), ACCOUNTING_OFF);
     remove_radius(r);
     EXPECT_EQ(run_passes(), (std::vector<time_t>{6}));
     r = make_profile("wlan-1-1", "192.0.2.1", "s");
-    first_transmission(add_new_node_for_on_off(r), ACCOUNTING_ON);
-    first_transmission(add_new_node_for_on_off(r), ACCOUNTING_OFF);
+    transaction_begin(add_new_node_for_on_off(r), ACCOUNTING_ON);
+    transaction_begin(add_new_node_for_on_off(r), ACCOUNTING_OFF);
     remove_radius(r);
     // Another profile's node, failing over to its backup, outlives the release
     // on the same queues.
     struct accounting_radius *other = make_profile("wlan-1-2", "192.0.2.9", "s", "192.0.2.10", "s");
-    first_transmission(add_new_node_for_on_off(other), ACCOUNTING_ON);
+    transaction_begin(add_new_node_for_on_off(other), ACCOUNTING_ON);
     run_passes(36);
     EXPECT_EQ(list_length(fq) + list_length(rq), 1u);
 }

@@ -1,9 +1,9 @@
 #include "test_support.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
+#include <algorithm>
 
 #include "database/portal_users.h"
 #include "database/profiles.h"
@@ -20,9 +20,6 @@ std::vector<SentDatagram> sent;
 }  // namespace testenv
 
 namespace {
-
-// One file a process: ctest runs the tests in parallel processes.
-const std::string console_file = "/tmp/meterd-console-" + std::to_string(getpid());
 
 ssize_t capture_send(int, const void *buf, size_t len, const struct sockaddr_in *to)
 {
@@ -48,8 +45,8 @@ void DbTest::SetUp()
     mtr_set_clock([] { return testenv::now; });
     radius_sendto = capture_send;
     transaction_init();
-    console_path = console_file.c_str();
-    debug = 1;
+    console_path = "/dev/null";
+    debug = 1;  // the traces run, and a test that reads them captures them
     is_cloud = 1;
     init_meterd_db();  // the portal user table, empty; a test turns cloud mode on itself
     is_cloud = 0;
@@ -61,15 +58,43 @@ void DbTest::TearDown()
     extensions = 0;
     is_cloud = 0;
     debug = 0;
-    console_path = "/dev/null";
-    unlink(console_file.c_str());
     mtr_set_clock(nullptr);
 }
 
-std::string DbTest::console()
+// Sanitized builds only: a report must not vanish into the pipe.
+extern "C" void __sanitizer_set_report_fd(void *fd) __attribute__((weak));
+
+Captured::Captured(bool with_stderr) : saved_console_(console_path)
 {
-    std::ifstream f(console_file);
-    return {std::istreambuf_iterator<char>(f), {}};
+    EXPECT_EQ(pipe2(fds_, O_NONBLOCK), 0);
+    path_ = "/proc/self/fd/" + std::to_string(fds_[1]);
+    console_path = path_.c_str();
+    if (!with_stderr)
+        return;
+    saved_err_ = dup(STDERR_FILENO);
+    dup2(fds_[1], STDERR_FILENO);
+    if (__sanitizer_set_report_fd)
+        __sanitizer_set_report_fd(reinterpret_cast<void *>(static_cast<intptr_t>(saved_err_)));
+}
+
+Captured::~Captured()
+{
+    if (saved_err_ >= 0) {
+        dup2(saved_err_, STDERR_FILENO);
+        if (__sanitizer_set_report_fd)
+            __sanitizer_set_report_fd(reinterpret_cast<void *>(static_cast<intptr_t>(STDERR_FILENO)));
+        close(saved_err_);
+    }
+    console_path = saved_console_;
+    close(fds_[0]);
+    close(fds_[1]);
+}
+
+std::string Captured::text()
+{
+    std::string s(1 << 16, '\0');
+    s.resize(static_cast<size_t>(std::max<ssize_t>(0, read(fds_[0], &s[0], s.size()))));
+    return s;
 }
 
 struct accounting_radius *DbTest::make_profile(const char *iface, const char *primary, const char *secret,

@@ -1,6 +1,6 @@
 // Shared fixture of the unit tests: an empty database before and after each
 // test (cloud mode off, the portal user table set up), a clock the test sets,
-// and every datagram captured instead of sent.
+// every datagram captured instead of sent, and the console when asked.
 #ifndef METERD_TESTS_UNIT_TEST_SUPPORT_H
 #define METERD_TESTS_UNIT_TEST_SUPPORT_H
 
@@ -33,9 +33,20 @@ protected:
     static struct accounting_radius *make_profile(const char *iface, const char *primary,
                                                   const char *secret, const char *backup = "",
                                                   const char *backup_secret = "", int type = 0);
-    // The last console message: debugging is on, and the console is a
-    // file that each message opens anew and so overwrites.
-    static std::string console();
+};
+
+// Everything the daemon writes to its console (and to stderr, if asked) while
+// this lives: a pipe takes their place.
+class Captured {
+public:
+    explicit Captured(bool with_stderr = false);
+    ~Captured();
+    std::string text();  // what came since the last call
+
+private:
+    int fds_[2] = {-1, -1}, saved_err_ = -1;
+    std::string path_;
+    const char *saved_console_;
 };
 
 // Feeds the server's verified answer to the datagram sent last.

@@ -20,8 +20,10 @@ TEST_F(Uam, TextsWithoutTerminatorAreReadWithinTheirFields)
     e.event = UAM_EVENT_USER_LOGIN;
     e.ip = 0;
     e.usr_from = 0;  // local: every filter reads its text, and no profile is named wlan-AAA...
+    Captured out;
     uam_event_input(&e, sizeof e);
-    EXPECT_EQ(console(), "The login user \"" + std::string(64, 'A') + "\" doesn't need to do accounting.\n");
+    EXPECT_NE(out.text().find("The login user \"" + std::string(64, 'A') + "\" doesn't need to do accounting.\n"),
+              std::string::npos);
 
     e.usr_from = USR_FROM_FOREIGN;
     uam_event_input(&e, sizeof e + 8);  // a longer datagram is cut
