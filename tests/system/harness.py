@@ -279,6 +279,20 @@ class SystemTest(unittest.TestCase):
     def wait_console(self, text, count=1):
         return self.console.wait_for(text, self.mark, count=count)
 
+    def listen(self, address):
+        # A datagram socket bound to a path (made first) or, given a (pid, groups) pair, a
+        # netlink socket of the driver's family; it reads without blocking.
+        if isinstance(address, str):
+            os.makedirs(os.path.dirname(address), exist_ok=True)
+            sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        else:
+            sock = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, socket.NETLINK_USERSOCK)
+        self.addCleanup(sock.close)
+        sock.bind(address)
+        sock.setblocking(False)
+        return sock
+
+
 
 def enter_namespace():
     # Re-executes the calling script under unshare unless already inside.

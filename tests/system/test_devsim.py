@@ -15,16 +15,6 @@ devsim = harness.tool('devsim', check=False)
 
 class Devsim(harness.SystemTest):
 
-    def listen(self, path):
-        os.makedirs(os.path.dirname(path), exist_ok=True)
-        return self.bound(socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM), path)
-
-    def bound(self, sock, address):
-        sock.bind(address)
-        sock.setblocking(False)
-        self.addCleanup(sock.close)
-        return sock
-
     def send(self, sock, *args):
         """Runs devsim, which must succeed silently; returns the one datagram it sent."""
         result = devsim(*args)
@@ -32,7 +22,7 @@ class Devsim(harness.SystemTest):
         return sock.recv(8192)
 
     def test_driver_datagram(self):
-        nl = self.bound(socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, socket.NETLINK_USERSOCK), (0, 1))
+        nl = self.listen((0, 1))
         # A short message of another type, then two events, each on a 4-byte boundary.
         d = self.send(nl, 'other', '--len', '18', '--then', 'ip', '--mac', '02:00:00:00:00:0a', '--iface',
                       'wlan-1-10-abcdef', '--ip', '192.0.2.9', '--then', 'counters', '--tx', str(2 ** 40),
@@ -53,8 +43,7 @@ class Devsim(harness.SystemTest):
                          (84, 68, 28, 0x8000, 0x8001))
 
     def test_refusals_send_nothing(self):
-        socks = [self.listen(path) for path in (LOGIN, REPORT, PORTAL, UAM)]
-        socks.append(self.bound(socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, socket.NETLINK_USERSOCK), (0, 1)))
+        socks = [self.listen(address) for address in (LOGIN, REPORT, PORTAL, UAM, (0, 1))]
         with open(STATIONS, 'w') as f:
             f.write('02:00:00:00:00:0a 10.0.0.9 1 2\n')
         for args in (['frob'], ['login', '--user', 'u' * 64], ['login', '--frob', '1'], ['login', '--iface'],
