@@ -123,45 +123,6 @@ class Console:
 console = functools.cache(Console)  # the namespace is set up once
 
 
-class SyslogSocket:
-    # A datagram socket on /dev/log, where syslog() sends, for one test: `messages()` returns what
-    # came as (priority, ident, text) triples. The host's /dev has no room for it (devtmpfs, often
-    # without /dev/log), so a tmpfs covers /dev meanwhile, with a link to each of its entries.
-
-    def __init__(self, test):
-        # A copy of /dev with what is mounted in it (the console FIFO), taken before the tmpfs comes.
-        os.mkdir('/tmp/.dev')
-        _sh('mount', '--rbind', '/dev', '/tmp/.dev')
-        _sh('mount', '-t', 'tmpfs', 'tmpfs', '/dev')
-        test.addCleanup(_sh, 'umount', '-l', '/dev')
-        os.mkdir('/dev/.host')
-        _sh('mount', '--move', '/tmp/.dev', '/dev/.host')
-        os.rmdir('/tmp/.dev')
-        for name in os.listdir('/dev/.host'):
-            os.symlink('.host/' + name, '/dev/' + name)
-        self.sock, self.received = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM), []
-        self.sock.bind('/dev/log')
-        test.addCleanup(self.sock.close)
-        threading.Thread(target=self._run, daemon=True).start()
-
-    def _run(self):
-        while True:
-            try:
-                self.received.append(self.sock.recv(65536).decode('latin-1'))
-            except OSError:
-                return
-
-    HEADER = re.compile(r'<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d (\S+?): (.*)', re.S)  # <PRI>, time, "ident[pid]: "
-
-    def messages(self):
-        return [(m := self.HEADER.fullmatch(d)) and m.groups() for d in self.received]
-
-    def wait_for(self, text):
-        # Waits for a message of exactly this text; returns all messages so far.
-        return _poll(lambda: any(m and m[2] == text for m in self.messages()) and self.messages(), 5,
-                     lambda: 'no syslog message %r; got:\n%s' % (text, self.received))
-
-
 class Meterd:
     # One daemon process, optionally on a clock `speed` times faster.
 
@@ -291,7 +252,6 @@ class SystemTest(unittest.TestCase):
         sock.bind(address)
         sock.setblocking(False)
         return sock
-
 
 
 def enter_namespace():
