@@ -16,14 +16,11 @@ devsim = harness.tool('devsim')
 
 class Cloud(harness.SystemTest):
 
-    def start_daemon(self, mode):
-        harness.hybrid_mode('%d\n' % mode)
-        return self.start(Meterd(['-d'], speed=SPEED))
-
     def start_cloud(self):
         # A cloud daemon whose first portal datagram configured wlan-1-1 and wlan-2-2.
         self.server = self.start(FreeRadius(SECRET))
-        self.start_daemon(5)
+        harness.hybrid_mode('5\n')
+        self.start(Meterd(['-d'], speed=SPEED))
         harness._poll(lambda: harness._bound(PORTAL_SOCK) and harness._bound(UAM_SOCK), 5,
                       lambda: 'cloud sockets not bound')
         self.portal = ('portal', '--entry', 'wlan-1-1', 'host=127.0.0.1,secret=%s,interim=1' % SECRET,
@@ -48,10 +45,9 @@ class Cloud(harness.SystemTest):
         # Lower case with colons is the same station; the event's own address is never used.
         devsim('uam', '--event', 'login', '--mac', LOCAL.replace('-', ':'), '--ssid', 'Guest', '--user', 'alice')
         start = self.server.wait_records(3)[2]
-        self.assertEqual({k: start[k] for k in ('Acct-Status-Type', 'User-Name', 'Framed-IP-Address',
-                                                'Calling-Station-Id', 'Called-Station-Id')},
-                         {'Acct-Status-Type': 'Start', 'User-Name': 'alice', 'Framed-IP-Address': '10.0.0.7',
-                          'Calling-Station-Id': LOCAL.upper(), 'Called-Station-Id': '02-00-00-00-00-01:Guest'})
+        want = {'Acct-Status-Type': 'Start', 'User-Name': 'alice', 'Framed-IP-Address': '10.0.0.7',
+                'Calling-Station-Id': LOCAL.upper(), 'Called-Station-Id': '02-00-00-00-00-01:Guest'}
+        self.assertEqual({k: start.get(k) for k in want}, want)
         # A logout ends no session: its Interim-Updates go on.
         devsim('uam', '--event', 'logout', '--mac', LOCAL)
         harness._poll(lambda: 'Interim-Update' in self.records('alice'), 15, lambda: self.records('alice'))
@@ -84,7 +80,8 @@ class Cloud(harness.SystemTest):
         self.assertEqual(len(self.server.wait_records(3)), 3)  # the two Accounting-On and bob's Start
 
     def test_non_cloud_starts_neither_thread(self):
-        pid = self.start_daemon(1).proc.pid
+        harness.hybrid_mode('1\n')
+        pid = self.start(Meterd(['-d'])).proc.pid
         time.sleep(0.5)
         threads = len(os.listdir('/proc/%d/task' % pid))  # main and the four of every mode
         self.assertEqual((threads, os.path.exists(PORTAL_SOCK), os.path.exists(UAM_SOCK)), (5, False, False))

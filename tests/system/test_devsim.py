@@ -3,27 +3,19 @@
 messages in one), and the arguments it refuses. The other records are proven at FreeRADIUS by
 the session and cloud suites."""
 import os
-import socket
 import struct
 
 import harness
+import records
+from records import STA_ASSOC, STA_COUNTERS, STA_DISASSOC, STA_IP
 
 LOGIN, REPORT = '/tmp/accounting_recv_radius.sock', '/tmp/accounting_recv_wireless_hal.sock'
 PORTAL, UAM, STATIONS = '/tmp/accounting_portal.sock', '/tmp/devsim/uam.sock', '/tmp/devsim/stations'
+STATION = bytes.fromhex('020000000002')  # devsim's when none is named
 devsim = harness.tool('devsim', check=False)
 
 
 class Devsim(harness.SystemTest):
-
-    def listen(self, path):
-        os.makedirs(os.path.dirname(path), exist_ok=True)
-        return self.bound(socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM), path)
-
-    def bound(self, sock, address):
-        sock.bind(address)
-        sock.setblocking(False)
-        self.addCleanup(sock.close)
-        return sock
 
     def send(self, sock, *args):
         """Runs devsim, which must succeed silently; returns the one datagram it sent."""
@@ -32,29 +24,28 @@ class Devsim(harness.SystemTest):
         return sock.recv(8192)
 
     def test_driver_datagram(self):
-        nl = self.bound(socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, socket.NETLINK_USERSOCK), (0, 1))
+        # Each message as the records module writes it, but for what an option changes.
+        nl = self.listen((0, 1))
+        other = lambda n: struct.pack('<IH', n, 2) + bytes(-(-n // 4) * 4 - 6)  # padded to 4 bytes
+
+        def event(cmd, mac=STATION, iface='wlan-1-1', size=244, attr_len=None, **fields):
+            m = bytearray(records.driver(cmd, mac, iface, **fields)[:size])  # cut, and its lengths with it
+            m[0:4], m[40:42] = size.to_bytes(4, 'little'), (attr_len or size - 40).to_bytes(2, 'little')
+            return m
         # A short message of another type, then two events, each on a 4-byte boundary.
         d = self.send(nl, 'other', '--len', '18', '--then', 'ip', '--mac', '02:00:00:00:00:0a', '--iface',
                       'wlan-1-10-abcdef', '--ip', '192.0.2.9', '--then', 'counters', '--tx', str(2 ** 40),
                       '--rx', '5', '--nla-len', '8')
-        self.assertEqual(len(d), 20 + 244 + 244)
-        self.assertEqual(struct.unpack_from('<IH', d, 0), (18, 2))
-        self.assertEqual(struct.unpack_from('<IH10x16s', d, 20) + struct.unpack_from('<HH2xH', d, 60),
-                         (244, 1, b'wlan-1-10-abcdef', 204, 0x8000, 0x8101))
-        self.assertEqual((struct.unpack_from('<H', d, 72)[0], d[82:88], d[248:252]),
-                         (176, bytes.fromhex('02000000000a'), socket.inet_aton('192.0.2.9')))
-        self.assertEqual(struct.unpack_from('<HH2xH', d, 304) + struct.unpack_from('<QQ', d, 476),
-                         (8, 0x8000, 0x8008, 2 ** 40, 5))
-        d = self.send(nl, 'disassoc', '--type', '3', '--nlmsg-len', '999', '--attr-type', '7', '--truncate', '100')
-        self.assertEqual(struct.unpack_from('<IH', d) + struct.unpack_from('<2xHxxH', d, 40) + (len(d), d[16:25]),
-                         (999, 3, 7, 0x8002, 100, b'wlan-1-1\0'))
+        self.assertEqual(d, other(18) + event(STA_IP, bytes.fromhex('02000000000a'), 'wlan-1-10-abcdef',
+                                              ip='192.0.2.9') + event(STA_COUNTERS, attr_len=8, tx=2 ** 40, rx=5))
+        d, e = self.send(nl, 'disassoc', '--type', '3', '--nlmsg-len', '999', '--attr-type', '7',
+                         '--truncate', '100'), event(STA_DISASSOC)
+        self.assertEqual(d, struct.pack('<IH', 999, 3) + e[6:42] + struct.pack('<H', 7) + e[44:100])
         d = self.send(nl, 'other', '--then', 'assoc', '--payload', '24')  # fits in the daemon's 256 bytes
-        self.assertEqual((len(d),) + struct.unpack_from('<I', d, 16) + struct.unpack_from('<HH2xH', d, 56),
-                         (84, 68, 28, 0x8000, 0x8001))
+        self.assertEqual(d, other(16) + event(STA_ASSOC, size=68))
 
     def test_refusals_send_nothing(self):
-        socks = [self.listen(path) for path in (LOGIN, REPORT, PORTAL, UAM)]
-        socks.append(self.bound(socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, socket.NETLINK_USERSOCK), (0, 1)))
+        socks = [self.listen(address) for address in (LOGIN, REPORT, PORTAL, UAM, (0, 1))]
         with open(STATIONS, 'w') as f:
             f.write('02:00:00:00:00:0a 10.0.0.9 1 2\n')
         for args in (['frob'], ['login', '--user', 'u' * 64], ['login', '--frob', '1'], ['login', '--iface'],

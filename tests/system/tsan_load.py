@@ -2,14 +2,14 @@
 """Every thread of the daemon busy at once, in cloud mode and under ThreadSanitizer: sessions
 start, send Interim-Updates and stop while profiles come and go on both channels, dumps and
 debug switches interleave, portal users log in and out, and the primary of one profile drops
-everything, so that retries and failover run too. TSan must report nothing.
+everything, so that retries and failover run too. TSan must report nothing (Meterd.stop checks).
 
 Needs a build with -DMETERD_TSAN=ON: METERD_BUILD_DIR, default build-tsan. Root, like every
 system test. METERD_LOAD_SECONDS sets how long the load lasts (default 60)."""
 import os
 import sys
-import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 os.environ.setdefault('METERD_BUILD_DIR', os.path.join(HERE, '..', '..', 'build-tsan'))
@@ -40,18 +40,6 @@ class TsanLoad(harness.SystemTest):
         daemon.send(ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
         daemon.send(ev_init('wlan-1-2', '127.0.0.1', silent.port, SECRET, '127.0.0.1', 1813, SECRET))
         stop_at = time.monotonic() + SECONDS
-        errors = []
-
-        def loop(work):
-            def run():
-                n = 0
-                try:
-                    while time.monotonic() < stop_at:
-                        work(n)
-                        n += 1
-                except Exception as e:  # reported after the join
-                    errors.append(e)
-            return threading.Thread(target=run)
 
         def stations(n):  # login, report, counters, disassociation: thread 4, then 2 and 1
             i = n % USERS
@@ -85,18 +73,19 @@ class TsanLoad(harness.SystemTest):
                    '--iface', iface, *foreign)
             devsim('assoc', '--mac', mac(i), '--iface', iface)
 
-        workers = [loop(stations), loop(control), loop(cloud)]
-        for w in workers:
-            w.start()
-        for w in workers:
-            w.join()
-        self.assertEqual(errors, [])
+        def loop(work):  # until the load ends; what it raises comes out of result()
+            n = 0
+            while time.monotonic() < stop_at:
+                work(n)
+                n += 1
+
+        with ThreadPoolExecutor() as pool:
+            for worker in [pool.submit(loop, work) for work in (stations, control, cloud)]:
+                worker.result()
         time.sleep(6)  # the last answers and time-outs
         records = server.wait_records(1)
         kinds = {r.get('Acct-Status-Type') for r in records}
         self.assertTrue({'Start', 'Interim-Update', 'Stop', 'Accounting-On', 'Accounting-Off'} <= kinds, kinds)
-        self.assertIsNone(daemon.proc.poll(), 'meterd died:\n' + daemon.stderr()[-4000:])
-        self.assertNotIn('ThreadSanitizer', daemon.stderr(), daemon.stderr()[-20000:])
         print('\n%d records at the server, %d datagrams at the silent primary' % (len(records), len(silent.received)),
               file=sys.stderr)
 
