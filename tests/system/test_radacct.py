@@ -26,7 +26,9 @@ class Radacct(harness.SystemTest):
     def session(self, *options):
         # The session's detail records, and the radacct table after each of them.
         server = self.start(FreeRadius(SECRET, sql=True))
-        daemon = self.start(Meterd(options, speed=SPEED))
+        daemon = Meterd(speed=SPEED)
+        daemon.args = list(options)  # each test picks its mode itself, whatever METERD_MODE says
+        daemon = self.start(daemon)
         daemon.send(ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
         server.wait_records(1)
         devsim('station', 'add', '--mac', MAC, '--ip', '10.0.0.9', '--rx', 0, '--tx', 0)
