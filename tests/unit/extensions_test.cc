@@ -16,13 +16,6 @@
 
 namespace {
 
-uint32_t number(AUTH_HDR *p, unsigned short type)
-{
-    uint32_t v = ~0u;
-    radius_msg_get_attr_int32(p, type, &v);
-    return v;
-}
-
 class Extensions : public DbTest {
 protected:
     SimDevice dev;
@@ -37,38 +30,23 @@ protected:
     }
 };
 
-TEST_F(Extensions, GigawordsAndSteadyCounters)
+// Gigawords and the 64-bit reading are proven end to end by the radacct
+// system test; here what it cannot shape: a failed look-up keeps the address
+// and counters, and a lower driver report lowers nothing, but in the design.
+TEST_F(Extensions, SteadyCountersKeepWhatTheSessionKnew)
 {
-    // 6.4 GiB in, 9.7 GiB out; a look-up past 2^31 that the design reads as 0.
     dev.write("stations", "aa:bb:cc:dd:ee:0f 192.0.2.7 6871947674 10415461204\n");
     struct accounting_node *n = session();
-    for (unsigned mode : {0u, unsigned{EXT_GIGAWORDS | EXT_STEADY_COUNTERS}}) {
-        extensions = mode;
-        n->self->conn_tx_rx_status = {0, 0};
-        ASSERT_EQ(accounting_msg(n, ACCOUNTING_INTERIM), 0);
-        AUTH_HDR *p = n->self->request;
-        if (!mode) {
-            EXPECT_EQ(number(p, 42), 0u);  // beyond an int: 0 for both
-            EXPECT_EQ(number(p, 52), ~0u);
-            continue;
-        }
-        EXPECT_EQ(number(p, 42), 2576980378u);  // 6871947674 - 2^32
-        EXPECT_EQ(number(p, 52), 1u);
-        EXPECT_EQ(number(p, 43), 1825526612u);  // 10415461204 - 2 * 2^32
-        EXPECT_EQ(number(p, 53), 2u);
-    }
-    // A failed look-up keeps the address and counters; a driver report lower
-    // than what was stored does not lower them; the Stop reports the highest.
+    extensions = EXT_STEADY_COUNTERS;
+    ASSERT_EQ(accounting_msg(n, ACCOUNTING_INTERIM), 0);
     dev.write("stations", "aa:bb:cc:dd:ee:0f - 12abc 7\n");  // neither an address nor a number
     ASSERT_EQ(accounting_msg(n, ACCOUNTING_INTERIM), 0);
     EXPECT_EQ(n->self->user->user_ip.s_addr, inet_addr("192.0.2.7"));
     conn_t lower = {100, 100};
     accounting_update_tx_rx("AA-BB-CC-DD-EE-0F", PROFILE_TYPE_NORMAL, &lower);
-    ASSERT_EQ(accounting_msg(n, ACCOUNTING_STOP), 0);
-    EXPECT_EQ(number(n->self->request, 52), 1u);
-    EXPECT_EQ(number(n->self->request, 43), 1825526612u);
+    EXPECT_EQ(n->self->conn_tx_rx_status.tx, 10415461204u);
     extensions = 0;
-    accounting_update_tx_rx("AA-BB-CC-DD-EE-0F", PROFILE_TYPE_NORMAL, &lower);  // the design stores it
+    accounting_update_tx_rx("AA-BB-CC-DD-EE-0F", PROFILE_TYPE_NORMAL, &lower);
     EXPECT_EQ(n->self->conn_tx_rx_status.rx, 100u);
 }
 
