@@ -2,11 +2,9 @@
 """meterctl stats: the delivery counters that meterd reports are what scripted RADIUS servers counted,
 through loss, answers of every kind, a wrong secret and a silent primary; and the command's failures.
 The daemon runs on a clock ten times faster."""
-import hashlib
 import json
 import socket
 import struct
-import threading
 import time
 
 import harness
@@ -19,7 +17,7 @@ FIGURES = ('requests', 'retransmissions', 'responses', 'malformed', 'bad_authent
 meterctl = harness.tool('meterctl', check=False)
 
 
-class CountingPeer(threading.Thread):
+class CountingPeer(harness.Peer):
     # An accounting server that treats each datagram as its plan says (then as `default`) and counts
     # in the daemon's figures what it received and sent back. 'answer'; 'drop' (loss); 'wrong'
     # (signed with another secret); 'short' (10 bytes of a header that says 20); 'empty' (0 bytes);
@@ -31,18 +29,8 @@ class CountingPeer(threading.Thread):
               'code11': 'unknown_types', 'twice': 'dropped'}
 
     def __init__(self, ip, plan=(), default='answer', delay=0):
-        super().__init__(daemon=True)
-        self.plan, self.default, self.delay, self.seen = list(plan), default, delay, set()
-        self.counted = dict.fromkeys(FIGURES, 0)
-        self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.sock.bind((ip, 0))
-        self.ip, self.port = self.sock.getsockname()
-
-    def reply(self, kind, request):
-        head = bytes([kind if isinstance(kind, int) else 5, request[1]]) + struct.pack('!H', 20)
-        secret = SECRET + ('x' if kind == 'wrong' else '')
-        whole = head + hashlib.md5(head + request[4:20] + secret.encode()).digest()
-        return {'short': whole[:10], 'empty': b''}.get(kind, whole)
+        super().__init__(SECRET, ip, plan=plan, default=default)
+        self.delay, self.seen, self.counted = delay, set(), dict.fromkeys(FIGURES, 0)
 
     def run(self):
         while True:
@@ -60,13 +48,10 @@ class CountingPeer(threading.Thread):
                 count[self.FIGURE[action]] += 1
             time.sleep(self.delay)
             for kind in self.REPLIES[action]:
-                self.sock.sendto(self.reply(kind, data), self.source)
+                self.sock.sendto(self.answer(kind, data), self.source)
 
     def transmissions(self):
         return self.counted['requests'] + self.counted['retransmissions']
-
-    def stop(self):
-        self.sock.close()
 
 
 class Stats(harness.SystemTest):
