@@ -98,6 +98,9 @@ struct user_accounting_info {
     // and when it went, in monotonic milliseconds. On 64-bit targets both
     // stand where padding was, so a node is no larger.
     unsigned char sent_to;
+    // The socket whose Identifiers the packet's belongs to: 0 but with
+    // unique Identifiers (radius_source_open). In padding as well.
+    unsigned char source;
     uint32_t sent_ms;
     struct accounting_radius *acct_radius;  // not owned
     AUTH_HDR *request;            // owned; the packet of the current transaction

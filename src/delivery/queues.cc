@@ -151,13 +151,14 @@ void request_send_handler(struct list_head *header)
     serve_queue(header, request_send_handler, resend);
 }
 
-struct accounting_node *find_request(int response_id)
+struct accounting_node *find_request(int response_id, int source)
 {
     struct list_head *pos;
     list_for_each(pos, &request_queue_header) {
         struct accounting_node *node = node_of(pos);
         // A node can wait here without a packet: no server, or no memory.
-        if (node->self->request && node->self->request->id == response_id)
+        if (node->self->request && node->self->request->id == response_id &&
+            node->self->source == source)
             return node;
     }
     return nullptr;

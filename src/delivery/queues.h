@@ -15,6 +15,8 @@ int queue_insert_and_sort(struct accounting_node *node, struct list_head *queue_
 void request_timeout_handler(struct list_head *header);
 void request_send_handler(struct list_head *header);
 // First node of the request queue whose stored request has that id, or NULL.
-struct accounting_node *find_request(int response_id);
+// source, the socket the answer came on, is 0 but with unique Identifiers,
+// where an Identifier is unique per socket.
+struct accounting_node *find_request(int response_id, int source = 0);
 
 #endif

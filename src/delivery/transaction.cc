@@ -53,22 +53,28 @@ void end_node(struct accounting_node *node, bool off_answered, bool trace_count)
 
 // The owner's side of the RADIUS client.
 
-int free_identifier(uint8_t from)
+int free_identifier(uint8_t from, int *source)
 {
-    uint8_t held[256 / 8] = {0};
+    uint8_t held[RADIUS_SOURCES][256 / 8];
+    memset(held, 0, sizeof held);
     struct list_head *const queues[] = {&request_queue_header, &fail_queue_header};
     for (struct list_head *queue : queues) {
         struct list_head *pos;
         list_for_each(pos, queue) {
-            const AUTH_HDR *request = list_entry(pos, struct accounting_node, queue)->self->request;
-            if (request)
-                held[request->id / 8] |= static_cast<uint8_t>(1u << (request->id % 8));
+            const struct user_accounting_info *self = list_entry(pos, struct accounting_node, queue)->self;
+            if (self->request && self->source < RADIUS_SOURCES)
+                held[self->source][self->request->id / 8] |=
+                    static_cast<uint8_t>(1u << (self->request->id % 8));
         }
     }
-    for (int k = 0; k < 256; k++) {
-        uint8_t id = static_cast<uint8_t>(from + k);
-        if (!(held[id / 8] & (1u << (id % 8))))
-            return id;
+    for (int s = 0; s < radius_source_limit && s < RADIUS_SOURCES; s++) {
+        for (int k = 0; k < 256; k++) {
+            uint8_t id = static_cast<uint8_t>(from + k);
+            if (!(held[s][id / 8] & (1u << (id % 8)))) {
+                *source = s;
+                return id;
+            }
+        }
     }
     return -1;
 }
@@ -78,9 +84,12 @@ void answered(struct accounting_node *node, uint32_t status, const radius_server
     struct user_accounting_info *self = node->self;
     free_accounting_msg(self);
     // The budget then belongs to each request, not to the session's life:
-    // the next request starts with its full transmissions again.
-    if (extension_on(EXT_RETRY_PER_REQUEST))
+    // the next request starts again with its full transmissions to the
+    // primary, then to the backup.
+    if (extension_on(EXT_RETRY_PER_REQUEST)) {
         self->retry_count = 1;
+        self->server = SERVER_PRIMARY;
+    }
 
     const char *user_name = self->user ? self->user->user_name : "";
     switch (status) {
@@ -161,8 +170,9 @@ void transaction_init(void)
 void transaction_begin(struct accounting_node *node, int status)
 {
     struct user_accounting_info *self = node->self;
+    int source;
     if (extension_on(EXT_UNIQUE_IDS) && !self->request && node_server(self) &&
-        free_identifier(request_id) < 0) {
+        (free_identifier(request_id, &source) < 0 || radius_source_open(source) != 0)) {
         // Composed now, with what the device says now, but it waits for an
         // Identifier rather than take one that an answer could meet. Without
         // memory for it the node takes the design's road below.

@@ -39,6 +39,7 @@ struct client_stats_row {
 
 // A datagram as it came in, for the counters: its sender and its size.
 struct radius_datagram {
+    int source;  // the socket it came on (radius_source_open)
     struct sockaddr_in from;
     ssize_t length;  // -1: no datagram, the read failed
 };

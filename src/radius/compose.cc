@@ -167,15 +167,21 @@ void add_tail(AUTH_HDR *req, struct accounting_node *node, int status)
 // The Identifier of a new packet, or -1 while it must wait for one. The
 // design takes request_id as it comes, wrapping at 256 whatever is in
 // flight; with unique Identifiers it is the first from there that no
-// request in flight holds, so that an answer can only meet its own request
-// and a server never takes a new request for a duplicate.
-int take_identifier(void)
+// request in flight holds on the socket it leaves from (*source), so that
+// an answer can only meet its own request and a server never takes a new
+// request for a duplicate. A server tells duplicates by source port too, so
+// each further socket is 256 more requests in flight.
+int take_identifier(unsigned char *source)
 {
+    *source = 0;
     if (!extension_on(EXT_UNIQUE_IDS))
         return request_id++;
-    int id = radius_client()->free_identifier(request_id);
-    if (id >= 0)
-        request_id = static_cast<uint8_t>(id + 1);
+    int from;
+    int id = radius_client()->free_identifier(request_id, &from);
+    if (id < 0 || radius_source_open(from) != 0)
+        return -1;
+    *source = static_cast<unsigned char>(from);
+    request_id = static_cast<uint8_t>(id + 1);
     return id;
 }
 
@@ -251,7 +257,8 @@ int accounting_msg(struct accounting_node *node, int status)
     }
 
     req->code = RADIUS_CODE_ACCOUNTING_REQUEST;
-    int id = take_identifier();
+    unsigned char source;
+    int id = take_identifier(&source);
     req->id = static_cast<uint8_t>(id < 0 ? 0 : id);
     req->length = htons(RADIUS_HDR_LEN);
 
@@ -260,6 +267,7 @@ int accounting_msg(struct accounting_node *node, int status)
 
     self->request = req;
     self->sent_to = 0;
+    self->source = source;
     if (id < 0)
         return 1;
     sign(self);
@@ -268,10 +276,12 @@ int accounting_msg(struct accounting_node *node, int status)
 
 int accounting_msg_number(struct accounting_node *node)
 {
-    int id = take_identifier();
+    unsigned char source;
+    int id = take_identifier(&source);
     if (id < 0)
         return -1;
     node->self->request->id = static_cast<uint8_t>(id);
+    node->self->source = source;
     sign(node->self);
     return 0;
 }

@@ -20,9 +20,9 @@
 
 // What the client asks of the owner of the requests. Each runs under `mutex`.
 struct radius_client_ops {
-    // The node whose stored request waits for the answer with Identifier id,
-    // or NULL.
-    struct accounting_node *(*find)(int id);
+    // The node whose stored request waits for the answer with Identifier id
+    // on socket `source` (always 0 but with unique Identifiers), or NULL.
+    struct accounting_node *(*find)(int id, int source);
     // A verified answer to node's stored request, whose Acct-Status-Type is
     // status, from server.
     void (*answered)(struct accounting_node *node, uint32_t status, const radius_server *server);
@@ -32,8 +32,10 @@ struct radius_client_ops {
     // The station's byte counters for an Interim-Update being composed.
     void (*counters)(struct accounting_node *node, conn_t *counters);
     // The first Identifier from `from` on, wrapping, that no request in
-    // flight holds, or -1 when all 256 are held (unique Identifiers only).
-    int (*free_identifier)(uint8_t from);
+    // flight holds on the lowest socket below radius_source_limit that has
+    // one, *source set to that socket; -1 when all are held (unique
+    // Identifiers only).
+    int (*free_identifier)(uint8_t from, int *source);
     // Delivery counters: calls each for every request waiting for its answer.
     void (*each_waiting)(void (*each)(const struct user_accounting_info *self));
 };
@@ -44,6 +46,14 @@ const struct radius_client_ops *radius_client(void);
 
 extern int sockfd;
 
+// Unique Identifiers only: at most this many sockets (source ports) of 256
+// Identifiers each, sockfd the first; tests may lower the limit.
+enum { RADIUS_SOURCES = 16 };
+extern int radius_source_limit;
+// Makes sure that sockets 0..source are open: 0, or -1 (beyond the limit,
+// or the system refused one).
+int radius_source_open(int source);
+
 // The send seam: every datagram leaves through this function. Tests replace it.
 using radius_sendto_fn = ssize_t (*)(int fd, const void *buf, size_t len,
                                      const struct sockaddr_in *to);
@@ -52,12 +62,13 @@ extern radius_sendto_fn radius_sendto;
 // Opens and binds the socket: 0, or -1 with the message on stderr.
 int radius_init(void);
 // Sends node's stored request, composed first if it holds none, to the
-// server that node_server names. 0 if the datagram was handed to the
+// server that node_server names, from the socket its Identifier belongs to. 0 if the datagram was handed to the
 // system, -1 if not.
 int send_accounting(struct accounting_node *node, int status);
 // 0 if a datagram of 1..1023 bytes now stands in response, else -1. d
-// receives the sender and the size of whatever datagram came (the delivery
-// counters'); its length is -1 after a failed read.
+// receives the socket it came on, the sender and the size of whatever
+// datagram came (the delivery counters'); its length is -1 after a failed
+// read.
 int radius_recv(AUTH_HDR *response, struct radius_datagram *d);
 
 // One accepted datagram standing in the thread's receive buffer, of which

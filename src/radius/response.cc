@@ -16,7 +16,7 @@ void handle_response(AUTH_HDR *response, const struct radius_datagram *d)
 {
     TRACE("Receive accounting response!! reponse id: %d\n", response->id);
     const struct radius_client_ops *owner = radius_client();
-    struct accounting_node *node = owner->find(response->id);
+    struct accounting_node *node = owner->find(response->id, d ? d->source : 0);
     if (!node) {
         TRACE("Accounting Fail!! Response packet ID %d does not match the request packet\n",
               response->id);

@@ -1,24 +1,55 @@
 // The daemon's one UDP socket: every request to every server leaves through
-// it and every response comes in on it.
+// it and every response comes in on it. With unique Identifiers more
+// sockets may follow, each a source port with 256 Identifiers of its own.
 #include "radius/radius_send_recieve.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "database/nodes.h"
 #include "database/profiles.h"
 #include "frame/console.h"
+#include "frame/extensions.h"
 #include "radius/client_stats.h"
 #include "radius/compose.h"
 
 int sockfd = -1;
+int radius_source_limit = RADIUS_SOURCES;
 
 namespace {
+
+// Source 0 is sockfd. The others open under `mutex` when a request first
+// needs them and stay open; the response thread reads them without it.
+std::atomic<int> source_fds[RADIUS_SOURCES];
+int sources_open = 1;
+int readable = -1;  // epoll set of every open source, unique Identifiers only
+
+int bind_any(int fd)
+{
+    struct sockaddr_in local;
+    memset(&local, 0, sizeof local);
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(INADDR_ANY);
+    local.sin_port = 0;
+    return bind(fd, reinterpret_cast<struct sockaddr *>(&local), sizeof local);
+}
+
+int watch(int source)
+{
+    struct epoll_event ev;
+    memset(&ev, 0, sizeof ev);
+    ev.events = EPOLLIN;
+    ev.data.u32 = static_cast<uint32_t>(source);
+    return epoll_ctl(readable, EPOLL_CTL_ADD, source_fds[source], &ev);
+}
 
 ssize_t system_sendto(int fd, const void *buf, size_t len, const struct sockaddr_in *to)
 {
@@ -46,15 +77,42 @@ radius_sendto_fn radius_sendto = system_sendto;
 int radius_init(void)
 {
     sockfd = socket(AF_INET, SOCK_DGRAM, 0);
-    struct sockaddr_in local;
-    memset(&local, 0, sizeof local);
-    local.sin_family = AF_INET;
-    local.sin_addr.s_addr = htonl(INADDR_ANY);
-    local.sin_port = 0;
-    if (bind(sockfd, reinterpret_cast<struct sockaddr *>(&local), sizeof local) < 0) {
+    if (bind_any(sockfd) < 0) {
         if (sockfd >= 0)
             close(sockfd);
         fprintf(stderr, "No open port we could bind to.\n");
+        return -1;
+    }
+    source_fds[0] = sockfd;
+    if (extension_on(EXT_UNIQUE_IDS)) {
+        readable = epoll_create1(EPOLL_CLOEXEC);
+        if (readable < 0 || watch(0) < 0) {
+            fprintf(stderr, "No open port we could bind to.\n");
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int radius_source_open(int source)
+{
+    if (source == 0)
+        return 0;
+    if (source >= radius_source_limit)
+        return -1;
+    for (int k = sources_open; k <= source; k++) {
+        int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        if (fd >= 0 && bind_any(fd) == 0) {
+            source_fds[k] = fd;
+            // Unit tests send through the seam and have no response thread.
+            if (readable < 0 || watch(k) == 0) {
+                sources_open = k + 1;
+                TRACE("source port %d opened for Identifiers\n", k);
+                continue;
+            }
+        }
+        if (fd >= 0)
+            close(fd);
         return -1;
     }
     return 0;
@@ -83,8 +141,13 @@ int send_accounting(struct accounting_node *node, int status)
 
     if (!self->request) {
         TRACE("gen accounting msg.\n");
-        // -1: no memory; 1 (unique Identifiers): none free, so nothing leaves.
-        if (accounting_msg(node, status) != 0)
+        // -1: no memory; 1 (unique Identifiers): none free, so nothing
+        // leaves, and the unnumbered packet goes too, so that the next
+        // send composes and numbers it again.
+        int made = accounting_msg(node, status);
+        if (made == 1)
+            free_accounting_msg(self);
+        if (made != 0)
             return -1;
         TRACE("request addr: %p\n", static_cast<void *>(self->request));
     }
@@ -96,7 +159,7 @@ int send_accounting(struct accounting_node *node, int status)
     ssize_t sent = -1;
     errno = EDESTADDRREQ;
     if (to.sin_addr.s_addr != htonl(INADDR_ANY))
-        sent = radius_sendto(sockfd, request, length, &to);
+        sent = radius_sendto(self->source ? source_fds[self->source].load() : sockfd, request, length, &to);
     if (sent < 0) {
         int err = errno;
         TRACE("accounting send fail.\n");
@@ -110,7 +173,17 @@ int send_accounting(struct accounting_node *node, int status)
 int radius_recv(AUTH_HDR *response, struct radius_datagram *d)
 {
     socklen_t from_len = sizeof d->from;
-    ssize_t n = recvfrom(sockfd, response, RADIUS_RECV_LEN, 0,
+    int fd = sockfd;
+    d->source = 0;
+    if (readable >= 0) {
+        // Level-triggered: one datagram of one ready source per call.
+        struct epoll_event ev;
+        while (epoll_wait(readable, &ev, 1, -1) != 1)
+            ;
+        d->source = static_cast<int>(ev.data.u32);
+        fd = source_fds[d->source];
+    }
+    ssize_t n = recvfrom(fd, response, RADIUS_RECV_LEN, 0,
                          reinterpret_cast<struct sockaddr *>(&d->from), &from_len);
     d->length = n;
     return (n >= 1 && n <= RADIUS_RECV_LEN - 1) ? 0 : -1;

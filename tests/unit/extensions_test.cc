@@ -11,6 +11,7 @@
 #include "frame/extensions.h"
 #include "platform/station_lookups.h"
 #include "radius/compose.h"
+#include "radius/radius_send_recieve.h"
 #include "sim_env.h"
 #include "test_support.h"
 
@@ -53,57 +54,60 @@ TEST_F(Extensions, SteadyCountersKeepWhatTheSessionKnew)
 TEST_F(Extensions, IdentifiersInFlightAreNeverReused)
 {
     extensions = EXT_UNIQUE_IDS;
-    debug = 0;  // 258 packets' worth of console lines cost seconds
+    radius_source_limit = 2;  // two sockets: 512 Identifiers
+    debug = 0;                // 514 packets' worth of console lines cost seconds
     std::vector<struct accounting_node *> nodes;
-    for (int i = 0; i < 258; i++) {
+    for (int i = 0; i < 514; i++) {
         nodes.push_back(session());
         transaction_begin(nodes.back(), ACCOUNTING_START);
     }
-    // 256 in flight, all different; two wait, composed, sending nothing.
-    std::set<int> ids;
+    // 512 in flight, all different on each socket; two wait, composed,
+    // sending nothing.
+    std::set<std::pair<int, int>> ids;
     for (const SentDatagram &d : testenv::sent)
-        ids.insert(d.bytes[1]);
-    EXPECT_EQ(testenv::sent.size(), 256u);
-    EXPECT_EQ(ids.size(), 256u);
+        ids.insert({d.fd, d.bytes[1]});
+    ASSERT_EQ(testenv::sent.size(), 512u);
+    EXPECT_EQ(ids.size(), 512u);
     EXPECT_EQ(list_length(&id_wait_header), 2u);
-    // An answer sets one free, and the oldest waiting request takes it.
-    const uint8_t freed = testenv::sent[5].bytes[1];
-    std::vector<uint8_t> fifth = testenv::sent[5].bytes;
-    testenv::sent.push_back({fifth, {}});
-    answer_last_request("k");
-    ASSERT_EQ(testenv::sent.size(), 258u);
-    EXPECT_EQ(testenv::sent.back().bytes[1], freed);
-    EXPECT_EQ(nodes[256]->self->request->id, freed);
+    // An answer on the second socket is its request's, though a request on
+    // the first holds the same Identifier; the oldest waiting request takes
+    // what it sets free, on that socket.
+    const SentDatagram second = testenv::sent[300];
+    testenv::sent.push_back(second);
+    answer_last_request("k", 1);
+    ASSERT_EQ(testenv::sent.size(), 514u);
+    EXPECT_EQ(testenv::sent.back().fd, second.fd);
+    EXPECT_EQ(testenv::sent.back().bytes[1], second.bytes[1]);
+    EXPECT_EQ(nodes[300]->self->request, nullptr);
+    EXPECT_EQ(nodes[512]->self->source, 1);
     EXPECT_EQ(list_length(&id_wait_header), 1u);
-    // Retransmissions keep Identifier and bytes; the release of a profile
-    // takes its waiting nodes too (the teardown checks that nothing leaks).
-    EXPECT_EQ(list_length(&request_queue_header), 256u);
+    // The release of a profile takes its waiting nodes too (the teardown
+    // checks that nothing leaks).
 }
 
+// With the budget per request, an answer sends the next request to the
+// primary with all its transmissions, then to the backup; the design goes
+// on with the server and the count the session had.
 TEST_F(Extensions, AnAnswerRenewsTheRetryBudget)
 {
     for (unsigned mode : {0u, unsigned{EXT_RETRY_PER_REQUEST}}) {
+        clear_database();
+        r = make_profile("wlan-1-1", "127.0.0.1", "k", "127.0.0.2", "b");
         extensions = mode;
         testenv::sent.clear();
         struct accounting_node *n = session();
         transaction_begin(n, ACCOUNTING_START);
-        // Two time-outs, then the retransmission is answered.
-        for (int i = 0; i < 2; i++) {
-            testenv::now += 9;
-            scheduler_pass(testenv::now);
-            testenv::now += 3;
-            scheduler_pass(testenv::now);
-        }
-        answer_last_request("k");
-        EXPECT_EQ(n->self->retry_count, mode ? 1 : 3);
-        // The next request: 4 transmissions with a fresh budget, 2 without.
-        const size_t before = testenv::sent.size();
-        testenv::now += 60;
-        for (int i = 0; i < 40; i++)
-            scheduler_pass(testenv::now += 3);
-        EXPECT_EQ(testenv::sent.size() - before, mode ? 4u : 2u);
-        clear_database();
-        r = make_profile("wlan-1-1", "127.0.0.1", "k");
+        // Four to the primary, the second to the backup is answered.
+        for (int i = 0; i < 1000 && testenv::sent.size() < 6; i++)
+            scheduler_pass(testenv::now += 1);
+        ASSERT_EQ(testenv::sent.size(), 6u);
+        answer_last_request("b");
+        std::string to;
+        for (int i = 0; i < 400; i++)
+            scheduler_pass(testenv::now += 1);
+        for (size_t k = 6; k < testenv::sent.size(); k++)
+            to += testenv::sent[k].to.sin_addr.s_addr == inet_addr("127.0.0.1") ? 'p' : 'b';
+        EXPECT_EQ(to, mode ? "ppppbbbb" : "bbb");
     }
 }
 

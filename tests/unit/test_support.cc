@@ -21,10 +21,10 @@ std::vector<SentDatagram> sent;
 
 namespace {
 
-ssize_t capture_send(int, const void *buf, size_t len, const struct sockaddr_in *to)
+ssize_t capture_send(int fd, const void *buf, size_t len, const struct sockaddr_in *to)
 {
     auto *bytes = static_cast<const uint8_t *>(buf);
-    testenv::sent.push_back({{bytes, bytes + len}, *to});
+    testenv::sent.push_back({{bytes, bytes + len}, *to, fd});
     return static_cast<ssize_t>(len);
 }
 
@@ -56,6 +56,7 @@ void DbTest::TearDown()
 {
     clear_database();
     extensions = 0;
+    radius_source_limit = RADIUS_SOURCES;
     is_cloud = 0;
     debug = 0;
     mtr_set_clock(nullptr);
@@ -105,9 +106,11 @@ struct accounting_radius *DbTest::make_profile(const char *iface, const char *pr
     return r && update_radius_profile(r, &cfg, type) == 0 ? r : nullptr;
 }
 
-void answer_last_request(const char *secret)
+void answer_last_request(const char *secret, int source)
 {
     AUTH_HDR r;
     signed_answer(reinterpret_cast<uint8_t *>(&r), testenv::sent.back().bytes.data(), nullptr, 0, secret);
-    radius_response_input(&r);
+    // From the server it went to, the whole answer read.
+    radius_datagram d = {source, testenv::sent.back().to, ntohs(r.length)};
+    radius_response_input(&r, source ? &d : nullptr);
 }

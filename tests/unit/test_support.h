@@ -17,6 +17,7 @@
 struct SentDatagram {
     std::vector<uint8_t> bytes;
     struct sockaddr_in to;
+    int fd;
 };
 
 namespace testenv {
@@ -49,8 +50,9 @@ private:
     const char *saved_console_;
 };
 
-// Feeds the server's verified answer to the datagram sent last.
-void answer_last_request(const char *secret);
+// Feeds the server's verified answer to the datagram sent last, as if it
+// came on socket `source`.
+void answer_last_request(const char *secret, int source = 0);
 size_t list_length(const struct list_head *head);
 
 #endif
