@@ -9,6 +9,7 @@ import time
 
 import harness
 from harness import CONTROL_SOCK, Meterd
+import records
 from records import ev_init
 
 SECRET = 'testing123'
@@ -104,6 +105,38 @@ class Stats(harness.SystemTest):
         table = meterctl('stats').stdout.splitlines()
         self.assertEqual(table[2].split(), ['%s:%d' % (p.ip, p.port) for p in peers] + ['other'])
         self.assertEqual(table[3].split(), ['requests'] + [str(p.counted['requests']) for p in peers] + ['0'])
+
+    def test_more_requests_in_flight_than_identifiers(self):
+        # 300 Starts and the On wait at a server that answers only then, last first. With -i the
+        # daemon's second socket takes the Identifiers past 256: every pair of source port and
+        # Identifier differs, and every answer is taken, none sent again.
+        held = []
+
+        class Holding(harness.Peer):
+            def run(self):
+                while len(held) < 301:
+                    held.append(self.sock.recvfrom(4096))
+                for data, source in reversed(held):
+                    self.sock.sendto(self.answer(5, data), source)
+
+        peer = self.start(Holding(SECRET))
+        daemon = self.start(Meterd(['-i']))
+        daemon.send(ev_init('wlan-1-1', peer.ip, peer.port, SECRET))
+        socks = '/tmp/accounting_recv_radius.sock', '/tmp/accounting_recv_wireless_hal.sock'
+        harness._poll(lambda: held and all(map(harness._bound, socks)), 5, lambda: 'no On, or no station sockets')
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as unix:
+            for n in range(300):
+                mac = bytes([2, 0, 0, 0, n >> 8, n & 255])
+                text = '-'.join('%02X' % b for b in mac)
+                unix.sendto(records.login('u%d' % n, text, iface='wlan-1-1'), socks[0])
+                unix.sendto(records.report(mac, '10.0.%d.%d' % (n >> 8, n & 255)), socks[1])
+        harness._poll(lambda: len(held) == 301, 10, lambda: '%d requests came' % len(held))
+        self.assertEqual(len({(source[1], data[1]) for data, source in held}), 301)
+        self.assertEqual(len({source[1] for data, source in held}), 2)
+        row = lambda: self.server(self.stats(), peer.ip, peer.port)
+        harness._poll(lambda: row()['responses'] == 301, 5, lambda: 'stats: %s' % row())
+        self.assertEqual({k: row()[k] for k in ('requests', 'retransmissions', 'dropped', 'pending')},
+                         {'requests': 301, 'retransmissions': 0, 'dropped': 0, 'pending': 0})
 
     def test_extensions_on_a_daemon_without_servers(self):
         self.start(Meterd(['-g', '-c']))
