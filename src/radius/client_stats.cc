@@ -47,14 +47,22 @@ uint32_t now_ms()
                                  static_cast<uint64_t>(ts.tv_nsec) / 1000000);
 }
 
+// The row of a server (port in host order) that has one, or NULL.
+struct client_stats_row *find_row(struct in_addr addr, uint16_t port)
+{
+    for (int i = 0; i < used; i++)
+        if (rows[i].addr.s_addr == addr.s_addr && rows[i].port == port)
+            return &rows[i];
+    return nullptr;
+}
+
 // The row of a server; a new one only for a server that is sent to, so that
 // strangers' datagrams cannot take the table.
 struct client_stats_row *row_of(const struct sockaddr_in *at, bool sent_to)
 {
     uint16_t port = ntohs(at->sin_port);
-    for (int i = 0; i < used; i++)
-        if (rows[i].addr.s_addr == at->sin_addr.s_addr && rows[i].port == port)
-            return &rows[i];
+    if (struct client_stats_row *row = find_row(at->sin_addr, port))
+        return row;
     if (!sent_to || used == OTHER)
         return &rows[OTHER];
     rows[used].addr = at->sin_addr;
@@ -152,14 +160,12 @@ void client_stats_answered(const struct radius_datagram *d, const AUTH_HDR *resp
 
 int client_stats_of(struct in_addr addr, uint16_t port, struct client_stats_row *out)
 {
-    for (int i = 0; i < used; i++) {
-        if (rows[i].addr.s_addr == addr.s_addr && rows[i].port == port) {
-            count_pending();
-            *out = rows[i];
-            return 0;
-        }
-    }
-    return -1;
+    const struct client_stats_row *row = find_row(addr, port);
+    if (!row)
+        return -1;
+    count_pending();
+    *out = *row;
+    return 0;
 }
 
 size_t client_stats_report(char *out, size_t size)
