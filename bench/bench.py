@@ -192,30 +192,36 @@ def radclient_per_request(packet):
 
 class Relay(threading.Thread):
     """Stands between the daemon and FreeRADIUS and holds each answer for a random time up to `most`
-    seconds, as a distant server's answers may come: out of order."""
+    seconds, as a distant server's answers may come: out of order. Each source port of the daemon
+    (meterd -i opens more) has a port of its own towards the server, which tells duplicates apart
+    by source port."""
 
     def __init__(self, most):
         super().__init__(daemon=True)
         self.most, self.random, self.held = most, random.Random(1), []
         self.down = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.down.bind(('127.0.0.1', 0))
-        self.up = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.up.connect(('127.0.0.1', 1813))
-        self.port, self.client, self.forwarded = self.down.getsockname()[1], None, 0
+        self.ups, self.clients = {}, {}  # the daemon's address -> our socket to the server, and back
+        self.port, self.forwarded = self.down.getsockname()[1], 0
 
     def run(self):
         while True:
             wait = max(0, self.held[0][0] - time.monotonic()) if self.held else None
-            for sock in select.select([self.down, self.up], [], [], wait)[0]:
+            for sock in select.select([self.down, *self.clients], [], [], wait)[0]:
                 if sock is self.down:
-                    data, self.client = self.down.recvfrom(4096)
-                    self.up.send(data)
+                    data, client = self.down.recvfrom(4096)
+                    if client not in self.ups:
+                        up = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+                        up.connect(('127.0.0.1', 1813))
+                        self.ups[client], self.clients[up] = up, client
+                    self.ups[client].send(data)
                     self.forwarded += 1
                 else:
                     heapq.heappush(self.held, (time.monotonic() + self.random.uniform(0, self.most),
-                                               self.up.recv(4096)))
+                                               sock.recv(4096), self.clients[sock]))
             while self.held and self.held[0][0] <= time.monotonic():
-                self.down.sendto(heapq.heappop(self.held)[1], self.client)
+                _, data, client = heapq.heappop(self.held)
+                self.down.sendto(data, client)
 
 
 class Rig:

@@ -50,35 +50,40 @@ def attributes(packet):
 
 
 class Relay(threading.Thread):
-    # Forwards the daemon's datagrams to a server and the answers back, losing each with LOSS.
+    # Forwards the daemon's datagrams to a server and the answers back, losing each with LOSS. Each
+    # source port of the daemon (meterd -i opens more) has a port of its own towards the server, as
+    # a server tells duplicates apart by source port.
     def __init__(self, port, server_port, seed):
         super().__init__(daemon=True)
         self.front = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.front.bind(('127.0.0.1', port))
-        self.back = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.server, self.random, self.client = ('127.0.0.1', server_port), random.Random(seed), None
+        self.server, self.random = ('127.0.0.1', server_port), random.Random(seed)
+        self.backs, self.clients = {}, {}  # the daemon's address -> our socket to the server, and back
         self.copies = {}  # (session id, status) -> datagrams the daemon sent here
         self.sent = self.lost = self.answers = self.answers_lost = 0
 
     def run(self):
         while True:
-            for sock in select.select([self.front, self.back], [], [])[0]:
+            for sock in select.select([self.front, *self.clients], [], [])[0]:
                 data, source = sock.recvfrom(4096)
                 if sock is self.front:
-                    self.client, self.sent = source, self.sent + 1
+                    self.sent += 1
+                    if source not in self.backs:
+                        back = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+                        self.backs[source], self.clients[back] = back, source
                     a = attributes(data)
                     key = (a.get(44, b'').decode('latin-1'), struct.unpack('!I', a.get(40, bytes(4)))[0])
                     self.copies[key] = self.copies.get(key, 0) + 1
                     if self.random.random() < LOSS:
                         self.lost += 1
                     else:
-                        self.back.sendto(data, self.server)
+                        self.backs[source].sendto(data, self.server)
                 else:
                     self.answers += 1
                     if self.random.random() < LOSS:
                         self.answers_lost += 1
                     else:
-                        self.front.sendto(data, self.client)
+                        self.front.sendto(data, self.clients[sock])
 
 
 class Console(threading.Thread):
