@@ -118,15 +118,16 @@ def udp_sent():
 
 
 def bpf_answers_to(port, server):
-    """A socket filter that passes the datagrams from port `server` to `port` as they arrive. All
-    that the daemon sends is refused at once, so that watching costs the daemon next to nothing."""
+    """A socket filter that passes the datagrams from port `server` to `port` (None: to any port, as
+    meterd -i may open more) as they arrive. All that the daemon sends is refused at once, so that
+    watching costs the daemon next to nothing."""
     drop = lambda i: 9 - i
     code = [(0x20, 0, drop(0), 0xfffff004),                   # ld pkttype
             (0x15, 0, drop(1), 0),                            # PACKET_HOST
             (0x30, 0, 0, 9), (0x15, 0, drop(3), 17),          # UDP
             (0xb1, 0, 0, 0),                                  # x = length of the IP header
             (0x48, 0, 0, 0), (0x15, 0, drop(6), server),        # source port
-            (0x48, 0, 0, 2), (0x15, 0, drop(8), port),        # destination port
+            (0x48, 0, 0, 2), (0x15, 0, 0 if port is None else drop(8), port or 0),  # destination port
             (0x06, 0, 0, 0xffff), (0x06, 0, 0, 0)]
     return b''.join(struct.pack('HBBI', *c) for c in code)
 
@@ -237,9 +238,10 @@ class Rig:
         self.sniffer.start()
         self.device, self.daemon, self.options = Device(), None, []
 
-    def restart(self, port=1813):
+    def restart(self, port=1813, any_port=False):
         """A new daemon (a restarted access point) with the profile of wlan-1-1 on server port `port`;
-        returns once its Accounting-On is answered."""
+        returns once its Accounting-On is answered. With any_port the answers to every port of this
+        host from `port` count, for a storm, in which nothing else talks to the server."""
         if self.daemon:
             self.daemon.stop()
         for path in ('/tmp/accounting.sock', '/tmp/accounting_recv_radius.sock',
@@ -249,7 +251,7 @@ class Rig:
         self.daemon = harness.Meterd(self.options)  # no -d: the console stays quiet
         self.daemon.start()
         self.pid = self.daemon.proc.pid
-        self.sniffer.watch(udp_port(self.pid), port)
+        self.sniffer.watch(None if any_port else udp_port(self.pid), port)
         self.control(records.ev_init(IFACE, '127.0.0.1', port, SECRET))
 
     def control(self, datagram):
@@ -339,7 +341,7 @@ def storm(rig, stations, spread, delay):
     relay = Relay(delay) if delay else None
     if relay:
         relay.start()
-    rig.restart(relay.port if relay else 1813)
+    rig.restart(relay.port if relay else 1813, any_port=True)
     sn = rig.sniffer
     before, sent = rig.settle(), relay.forwarded if relay else udp_sent()
     begin = time.time()
