@@ -68,14 +68,6 @@ accounting_event_t control_rec;
 portal_event_t portal_rec;
 AUTH_HDR response;
 
-size_t length(const list_head *head)
-{
-    size_t n = 0;
-    for (const list_head *p = head->next; p != head; p = p->next)
-        n++;
-    return n;
-}
-
 // What a request for the delivery counters must leave as it found it: the
 // queues with their nodes' deadlines and retries, the scheduler, profiles,
 // sessions, the next Identifier, what was sent, and the counters.
@@ -96,7 +88,7 @@ std::string daemon_state()
         nodes(&list_entry(p, interim_queue, total_interim_queue)->interim_queue_header);
     for (list_head *head : {&event_header, &total_radius_server_header, &portal_radius_server_header,
                             &mac_address_header, &ip_change_header})
-        s += ' ' + std::to_string(length(head));
+        s += ' ' + std::to_string(list_length(head));
     char text[CLIENT_STATS_TEXT];
     client_stats_report(text, sizeof text);
     return s + text;

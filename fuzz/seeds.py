@@ -6,7 +6,7 @@ import struct
 import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, '..', 'tests', 'system'))
+sys.path.insert(0, os.path.join(HERE, '..', 'tools'))
 import records  # noqa: E402
 
 DEBUG, PASS, SIGN, BACKUP = 0x09, 0x10, 0x20, 0x40

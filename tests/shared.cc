@@ -73,3 +73,11 @@ void clear_database()
         }
     }
 }
+
+size_t list_length(const struct list_head *head)
+{
+    size_t n = 0;
+    for (const struct list_head *p = head->next; p != head; p = p->next)
+        n++;
+    return n;
+}

@@ -1,6 +1,7 @@
 // What the unit tests and the fuzz targets share (so no gtest here): the
 // peers' records, the server's signed answer, delivery of a record to an
-// input, and the teardown that frees whatever a run left in the database.
+// input, the teardown that frees whatever a run left in the database, and
+// a count of a list.
 #ifndef METERD_TESTS_SHARED_H
 #define METERD_TESTS_SHARED_H
 
@@ -42,5 +43,8 @@ void locked(F f)
 // still held, and turns allocation failure off. The portal user table must
 // have been set up (init_meterd_db in cloud mode).
 void clear_database();
+
+// The nodes on a list, counted without the daemon's help.
+size_t list_length(const struct list_head *head);
 
 #endif

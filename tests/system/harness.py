@@ -14,7 +14,9 @@ import threading
 import time
 import unittest
 
-import records
+# The peers' wire records live with the peers, in tools/, for the scripts and fuzz seeds as well.
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'tools'))
+import records  # noqa: E402
 
 BUILD_DIR = os.path.abspath(os.environ.get('METERD_BUILD_DIR', os.path.join(
     os.path.dirname(os.path.abspath(__file__)), '..', '..', 'build')))

@@ -48,13 +48,11 @@ class Devsim(harness.SystemTest):
         socks = [self.listen(address) for address in (LOGIN, REPORT, PORTAL, UAM, (0, 1))]
         with open(STATIONS, 'w') as f:
             f.write('02:00:00:00:00:0a 10.0.0.9 1 2\n')
+        # One of each kind of check: command, length, option, missing value, number, address, entry.
         for args in (['frob'], ['login', '--user', 'u' * 64], ['login', '--frob', '1'], ['login', '--iface'],
-                     ['login', '--interim', '1x'], ['login', '--class', '0x1'], ['report', '--mac', '02:00:00:00:00'],
-                     ['report', '--ip', '10.0.0'], ['assoc', '--iface', 'i' * 17], ['counters', '--tx', '-1'],
-                     ['other', '--then', 'frob'], ['ip', '--truncate', '245'], ['portal', '--entry', 'wlan-3-1', ''],
-                     ['portal', '--entry', 'wlan-1-1', 'host=h,port=x'], ['uam', '--event', 'frob'],
-                     ['station', 'set', '--ip', '1.2.3'], ['station', 'add', '--mac', '02:00:00:00:00:0a', '--rx', 'x'],
-                     ['station', 'frob'], ['owe', 'add', '--wlan', '0']):
+                     ['counters', '--tx', '-1'], ['report', '--mac', '02:00:00:00:00'], ['report', '--ip', '10.0.0'],
+                     ['portal', '--entry', 'wlan-1-1', 'host=h,port=x'], ['station', 'set', '--ip', '1.2.3'],
+                     ['owe', 'add', '--wlan', '0']):
             with self.subTest(args=args):
                 result = devsim(*args)
                 self.assertEqual(result.returncode, 2)

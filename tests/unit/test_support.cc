@@ -30,14 +30,6 @@ ssize_t capture_send(int fd, const void *buf, size_t len, const struct sockaddr_
 
 }  // namespace
 
-size_t list_length(const struct list_head *head)
-{
-    size_t n = 0;
-    for (const struct list_head *p = head->next; p != head; p = p->next)
-        n++;
-    return n;
-}
-
 void DbTest::SetUp()
 {
     testenv::now = 1000000;

@@ -53,6 +53,5 @@ private:
 // Feeds the server's verified answer to the datagram sent last, as if it
 // came on socket `source`.
 void answer_last_request(const char *secret, int source = 0);
-size_t list_length(const struct list_head *head);
 
 #endif

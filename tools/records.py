@@ -1,7 +1,8 @@
-"""The daemon's wire records as its peers send them, for the system tests, the fuzz seeds, the bench
-and the soak. Host byte order (x86-64 here), natural alignment; every byte a field does not set is
-zero, as the peers memset their records. Text is given as str or bytes; struct cuts what is longer
-than its field. Each format's size is asserted to be the size the daemon's headers assert."""
+"""The daemon's wire records as its peers send them, as peer_records.cc builds them in C++, for the
+demo, the bench, the soak, the fuzz seeds and the system tests. Host byte order (x86-64 here),
+natural alignment; every byte a field does not set is zero, as the peers memset their records.
+Text is given as str or bytes; struct cuts what is longer than its field. Each format's size is
+asserted to be the size the daemon's headers assert."""
 import socket
 import struct
 
