@@ -1,5 +1,6 @@
 // UAM events whose texts fill their fields: the UAM service terminates a text
 // only when it fits, which devsim cannot send.
+#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -43,6 +44,22 @@ TEST_F(Uam, TextsWithoutTerminatorAreReadWithinTheirFields)
     ASSERT_FALSE(list_empty(&mac_hash_table[bucket].head));
     f.event = UAM_EVENT_USER_LOGOUT;
     f.ip = UAM_NO_IP;
+    uam_event_input(&f, sizeof f);
+    EXPECT_TRUE(list_empty(&mac_hash_table[bucket].head));
+
+    // A local logout leaves 802.1X and MAC users to the authenticator; any
+    // other service takes the user out.
+    f.event = UAM_EVENT_USER_LOGIN;
+    uam_event_input(&f, sizeof f);
+    f.event = UAM_EVENT_USER_LOGOUT;
+    f.usr_from = 0;
+    f.ip = 0;
+    for (const char *service : {"802.1x", "mac-auth"}) {
+        snprintf(f.service, sizeof f.service, "%s", service);
+        uam_event_input(&f, sizeof f);
+        EXPECT_FALSE(list_empty(&mac_hash_table[bucket].head)) << service;
+    }
+    snprintf(f.service, sizeof f.service, "%s", "portal");
     uam_event_input(&f, sizeof f);
     EXPECT_TRUE(list_empty(&mac_hash_table[bucket].head));
 }
