@@ -81,6 +81,11 @@ TEST_F(Extensions, IdentifiersInFlightAreNeverReused)
     EXPECT_EQ(nodes[300]->self->request, nullptr);
     EXPECT_EQ(nodes[512]->self->source, 1);
     EXPECT_EQ(list_length(&id_wait_header), 1u);
+    // A request moved to the fail queue still holds its Identifier.
+    insert_node_to_queue(nodes[0], QUEUE_TYPE_FAIL);
+    transaction_begin(session(), ACCOUNTING_START);
+    EXPECT_EQ(testenv::sent.size(), 514u);
+    EXPECT_EQ(list_length(&id_wait_header), 2u);
     // The release of a profile takes its waiting nodes too (the teardown
     // checks that nothing leaks).
 }

@@ -148,10 +148,11 @@ TEST_F(Station, CloudAssociationAddressAndOweRule)
     EXPECT_EQ(n->self->acct_radius, portal);
 
     // The address stands hdr.len bytes into the record: dropped where it
-    // would lie beyond what the driver sent (190 of 192 bytes), taken
-    // wherever it lies within, even past the record's end (194 of 200).
+    // would lie beyond what the driver sent (one byte short at 189 of 192),
+    // taken wherever it lies within, even past the record's end (the last
+    // four of 200).
     struct accounting_node *s = session(false);
-    for (auto [at, extra, addr] : {std::tuple<uint16_t, size_t, uint32_t>{190, 0, 9}, {194, 8, 11}}) {
+    for (auto [at, extra, addr] : {std::tuple<uint16_t, size_t, uint32_t>{189, 0, 9}, {196, 8, 11}}) {
         std::vector<uint8_t> ip = nl_event(SARNET_CMD_STA_IP, "wlan-1-1");
         ip.resize(ip.size() + extra);
         const size_t req = SARNET_ATTR_OFFSET + 4 + offsetof(sarnet_event, data);
