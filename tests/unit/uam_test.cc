@@ -1,6 +1,5 @@
 // UAM events whose texts fill their fields: the UAM service terminates a text
 // only when it fits, which devsim cannot send.
-#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -51,17 +50,15 @@ TEST_F(Uam, TextsWithoutTerminatorAreReadWithinTheirFields)
     // other service takes the user out.
     f.event = UAM_EVENT_USER_LOGIN;
     uam_event_input(&f, sizeof f);
-    f.event = UAM_EVENT_USER_LOGOUT;
-    f.usr_from = 0;
-    f.ip = 0;
-    for (const char *service : {"802.1x", "mac-auth"}) {
-        snprintf(f.service, sizeof f.service, "%s", service);
-        uam_event_input(&f, sizeof f);
-        EXPECT_FALSE(list_empty(&mac_hash_table[bucket].head)) << service;
+    UamFields local;
+    local.event = UAM_EVENT_USER_LOGOUT;
+    local.sta_mac = "aa:bb:cc:dd:ee:05";
+    local.ssid_profile = "SSID3";
+    for (const char *service : {"802.1x", "mac-auth", "portal"}) {
+        local.service = service;
+        deliver(uam_event_input, uam_record(local));
+        EXPECT_EQ(list_empty(&mac_hash_table[bucket].head), local.service == "portal") << service;
     }
-    snprintf(f.service, sizeof f.service, "%s", "portal");
-    uam_event_input(&f, sizeof f);
-    EXPECT_TRUE(list_empty(&mac_hash_table[bucket].head));
 }
 
 }  // namespace
