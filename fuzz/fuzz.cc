@@ -33,7 +33,7 @@
 #include "events/uam_events.h"
 #include "frame/clock.h"
 #include "frame/console.h"
-#include "frame/control.h"
+#include "daemon/control.h"
 #include "platform/sim/sim.h"
 #include "radius/client_stats.h"
 #include "radius/compose.h"

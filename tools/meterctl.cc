@@ -16,8 +16,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "frame/control.h"
-#include "frame/db_dump.h"
+#include "daemon/control.h"
+#include "daemon/db_dump.h"
 #include "radius/client_stats.h"
 
 namespace {

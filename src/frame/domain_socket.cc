@@ -6,8 +6,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "database/accounting.h"
-
 int domain_socket_create(const char *domain_sock_file, struct sockaddr_un *addr)
 {
     int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
@@ -15,7 +13,7 @@ int domain_socket_create(const char *domain_sock_file, struct sockaddr_un *addr)
         return -1;
     memset(addr, 0, sizeof *addr);
     addr->sun_family = AF_UNIX;
-    copy_text(addr->sun_path, sizeof addr->sun_path, domain_sock_file);
+    snprintf(addr->sun_path, sizeof addr->sun_path, "%s", domain_sock_file);
     unlink(domain_sock_file);
     if (bind(fd, reinterpret_cast<struct sockaddr *>(addr), sizeof *addr) < 0) {
         close(fd);

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "delivery/scheduler.h"
-#include "frame/control.h"
+#include "daemon/control.h"
 #include "radius/compose.h"
 #include "radius/client_stats.h"
 #include "radius/radius_send_recieve.h"

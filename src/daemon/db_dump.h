@@ -1,6 +1,6 @@
 // The database dump, written on request of the control channel.
-#ifndef METERD_FRAME_DB_DUMP_H
-#define METERD_FRAME_DB_DUMP_H
+#ifndef METERD_DAEMON_DB_DUMP_H
+#define METERD_DAEMON_DB_DUMP_H
 
 #define METERD_DB_DUMP "/tmp/meterd_db"
 

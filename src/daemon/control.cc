@@ -1,11 +1,11 @@
 // The control channel, /tmp/accounting.sock.
-#include "frame/control.h"
+#include "daemon/control.h"
 
 #include <cstring>
 
+#include "daemon/db_dump.h"
 #include "events/profile_events.h"
 #include "frame/console.h"
-#include "frame/db_dump.h"
 #include "frame/domain_socket.h"
 #include "frame/meterd.h"
 #include "radius/client_stats.h"

@@ -1,5 +1,5 @@
 // The database dump: /tmp/meterd_db, and each of its lines on the console.
-#include "frame/db_dump.h"
+#include "daemon/db_dump.h"
 
 #include <cstdarg>
 #include <cstdio>

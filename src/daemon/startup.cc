@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "daemon/control.h"
+#include "daemon/startup.h"
 #include "database/portal_users.h"
 #include "delivery/scheduler.h"
 #include "delivery/transaction.h"
@@ -11,7 +13,6 @@
 #include "events/station_events.h"
 #include "events/uam_events.h"
 #include "frame/console.h"
-#include "frame/control.h"
 #include "frame/extensions.h"
 #include "frame/meterd.h"
 #include "platform/platform.h"
