@@ -25,6 +25,7 @@
 #include <string>
 
 #include "database/portal_users.h"
+#include "delivery/identifiers.h"
 #include "delivery/scheduler.h"
 #include "delivery/transaction.h"
 #include "events/driver_events.h"

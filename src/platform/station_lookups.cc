@@ -11,7 +11,6 @@
 #include <cstring>
 
 #include "frame/console.h"
-#include "frame/extensions.h"
 #include "platform/platform.h"
 
 namespace {
@@ -31,37 +30,6 @@ bool shell_safe_mac(const char *mac)
             return false;
     }
     return true;
-}
-
-// atoi's reading (leading blanks, sign, digits up to the first non-digit),
-// but a number beyond int reads as 0 instead of being undefined.
-long read_counter(const char *text)
-{
-    errno = 0;
-    long v = strtol(text, nullptr, 10);
-    if (errno == ERANGE || v > INT_MAX || v < INT_MIN)
-        return 0;
-    return v;
-}
-
-// With steady counters: the whole text is one unsigned 64-bit number
-// (blanks around it allowed), or the counter is unknown (0), so that a
-// counter past 2 GiB is read as it is.
-uint64_t read_counter64(const char *text)
-{
-    const char *p = text;
-    while (*p == ' ' || *p == '\t')
-        p++;
-    if (*p < '0' || *p > '9')
-        return 0;
-    char *end = nullptr;
-    errno = 0;
-    unsigned long long v = strtoull(p, &end, 10);
-    if (errno == ERANGE)
-        return 0;
-    while (*end == ' ' || *end == '\t' || *end == '\n' || *end == '\r')
-        end++;
-    return *end ? 0 : static_cast<uint64_t>(v);
 }
 
 }  // namespace
@@ -107,7 +75,24 @@ int whal_getip(const char *stamac, struct in_addr *ip)
     return ok;
 }
 
+uint64_t counter_from_text(const char *text)
+{
+    // atoi's reading (leading blanks, sign, digits up to the first
+    // non-digit), but a number beyond int reads as 0 instead of being
+    // undefined, and so does one below 1.
+    errno = 0;
+    long v = strtol(text, nullptr, 10);
+    if (errno == ERANGE || v > INT_MAX || v <= 0)
+        return 0;
+    return static_cast<uint64_t>(v);
+}
+
 int get_connection_status_by_ip(const char *user_mac, conn_t *status)
+{
+    return station_counters(user_mac, status, counter_from_text);
+}
+
+int station_counters(const char *user_mac, conn_t *status, uint64_t (*read)(const char *text))
 {
     char mac_str[18];
     char rrm_table_name[64];
@@ -149,19 +134,10 @@ int get_connection_status_by_ip(const char *user_mac, conn_t *status)
     copy_text(tx_char, sizeof tx_char, msg);
 
     // No partial answer: one counter missing or zero zeroes the other too.
-    if (extension_on(EXT_STEADY_COUNTERS)) {
-        uint64_t rx = read_counter64(rx_char), tx = read_counter64(tx_char);
-        if (rx > 0 && tx > 0) {
-            status->rx = rx;
-            status->tx = tx;
-        }
-    } else {
-        long rx = read_counter(rx_char);
-        long tx = read_counter(tx_char);
-        if (strcmp(tx_char, "N/A") != 0 && rx > 0 && tx > 0) {
-            status->rx = static_cast<uint64_t>(rx);
-            status->tx = static_cast<uint64_t>(tx);
-        }
+    uint64_t rx = read(rx_char), tx = read(tx_char);
+    if (rx > 0 && tx > 0) {
+        status->rx = rx;
+        status->tx = tx;
     }
 
     if (module->close_sock)
