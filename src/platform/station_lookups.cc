@@ -13,25 +13,12 @@
 #include "frame/console.h"
 #include "frame/extensions.h"
 #include "platform/platform.h"
+#include "platform/station_probe.h"
 
 namespace {
 
 // The module of the lookup in progress; nothing survives between lookups.
 parser_module *module = nullptr;
-
-// The MAC is pasted into a shell command line: anything but the characters
-// of a MAC text would be interpreted by the shell.
-bool shell_safe_mac(const char *mac)
-{
-    for (const char *p = mac; *p; p++) {
-        char c = *p;
-        bool ok = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-                  c == '-' || c == ':';
-        if (!ok)
-            return false;
-    }
-    return true;
-}
 
 // atoi's reading (leading blanks, sign, digits up to the first non-digit),
 // but a number beyond int reads as 0 instead of being undefined.
@@ -42,26 +29,6 @@ long read_counter(const char *text)
     if (errno == ERANGE || v > INT_MAX || v < INT_MIN)
         return 0;
     return v;
-}
-
-// With steady counters: the whole text is one unsigned 64-bit number
-// (blanks around it allowed), or the counter is unknown (0), so that a
-// counter past 2 GiB is read as it is.
-uint64_t read_counter64(const char *text)
-{
-    const char *p = text;
-    while (*p == ' ' || *p == '\t')
-        p++;
-    if (*p < '0' || *p > '9')
-        return 0;
-    char *end = nullptr;
-    errno = 0;
-    unsigned long long v = strtoull(p, &end, 10);
-    if (errno == ERANGE)
-        return 0;
-    while (*end == ' ' || *end == '\t' || *end == '\n' || *end == '\r')
-        end++;
-    return *end ? 0 : static_cast<uint64_t>(v);
 }
 
 }  // namespace
