@@ -65,6 +65,7 @@ TEST(StationProbe, DecidesAsTheShellPipelineForEveryOutput)
         EXPECT_EQ(address(found, ours), expected) << script;
         EXPECT_EQ(expected, want) << script;
         EXPECT_EQ(how.result, found ? LOOKUP_OK : LOOKUP_NO_ADDRESS) << script;
+        EXPECT_EQ(how.line, script != "true") << script;  // the design traces a line
     }
     // ovat reads its -e text as a command: no MAC text, no ovat.
     sim.fake_ovat("touch " + sim.dir() + "/ran");
