@@ -14,6 +14,10 @@
 // of the first frame leaves cloud mode where the input exists outside it.
 // A request for the delivery counters on the control socket must leave the
 // daemon as it found it, or the run traps.
+//
+// The stream target needs no database: each frame is one read of a TLS
+// connection, flags unused, and the packets that come out must be the
+// stream's bytes in order, each as long as its Length says, or the run traps.
 #include <arpa/inet.h>
 #include <netdb.h>
 
@@ -25,6 +29,7 @@
 #include <string>
 
 #include "database/portal_users.h"
+#include "delivery/identifiers.h"
 #include "delivery/scheduler.h"
 #include "delivery/transaction.h"
 #include "events/driver_events.h"
@@ -33,16 +38,17 @@
 #include "events/uam_events.h"
 #include "frame/clock.h"
 #include "frame/console.h"
-#include "frame/control.h"
+#include "daemon/control.h"
 #include "platform/sim/sim.h"
 #include "radius/client_stats.h"
 #include "radius/compose.h"
 #include "radius/radius_msg.h"
 #include "radius/radius_send_recieve.h"
+#include "radius/radius_stream.h"
 #include "shared.h"
 
 // What FUZZ_INPUT names.
-enum { FUZZ_CONTROL = 1, FUZZ_PORTAL, FUZZ_LOGIN, FUZZ_REPORT, FUZZ_NETLINK, FUZZ_UAM, FUZZ_RESPONSE };
+enum { FUZZ_CONTROL = 1, FUZZ_PORTAL, FUZZ_LOGIN, FUZZ_REPORT, FUZZ_NETLINK, FUZZ_UAM, FUZZ_RESPONSE, FUZZ_STREAM };
 
 // Nothing leaves the process: no name resolves, no station look-up runs a shell.
 extern "C" struct hostent *gethostbyname(const char *) { return nullptr; }
@@ -195,6 +201,51 @@ void feed(uint8_t flags, uint8_t select, const uint8_t *bytes, size_t n)
         radius_response_input(&response, &d);
         break;
     }
+    case FUZZ_STREAM:  // read by stream_input alone
+        break;
+    }
+}
+
+// One connection's reads through the stream reader. What it hands on is
+// checked against the bytes read so far: each packet where the last one
+// ended, as long as its own Length.
+struct stream_run {
+    std::string read, delivered;
+};
+radius_stream stream;
+
+void stream_input(const uint8_t *data, size_t size)
+{
+    stream_run run;
+    radius_stream_reset(&stream);
+    bool closed = false;
+    while (size >= 3 && !closed) {
+        size_t n = std::min(data[1] | size_t{data[2]} << 8, size - 3);
+        data += 3;
+        size -= 3;
+        // A read of its own exact size, so that a byte read behind it is seen.
+        std::string bytes(reinterpret_cast<const char *>(data), n);
+        run.read += bytes;
+        closed = radius_stream_input(&stream, reinterpret_cast<const uint8_t *>(bytes.data()), n,
+                                     [](void *ctx, const uint8_t *p, size_t len) {
+                                         auto *r = static_cast<stream_run *>(ctx);
+                                         if (len < 20 || len > 4096 || (size_t{p[2]} << 8 | p[3]) != len)
+                                             __builtin_trap();
+                                         r->delivered.append(reinterpret_cast<const char *>(p), len);
+                                         if (r->read.compare(0, r->delivered.size(), r->delivered) != 0)
+                                             __builtin_trap();
+                                     },
+                                     &run) != 0;
+        data += n;
+        size -= n;
+    }
+    // Nothing whole is held back: what stays is less than the next packet.
+    size_t rest = run.read.size() - run.delivered.size();
+    if (!closed && rest >= 4) {
+        const std::string &r = run.read;
+        size_t at = run.delivered.size();
+        if (rest >= (size_t{static_cast<uint8_t>(r[at + 2])} << 8 | static_cast<uint8_t>(r[at + 3])))
+            __builtin_trap();
     }
 }
 
@@ -218,6 +269,10 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
+    if (FUZZ_INPUT == FUZZ_STREAM) {
+        stream_input(data, size);
+        return 0;
+    }
     const bool response_frames = FUZZ_INPUT == FUZZ_RESPONSE;
     const size_t head = response_frames ? 4 : 3;
     now = EPOCH;

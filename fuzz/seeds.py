@@ -59,6 +59,10 @@ def uam(event, mac, iface='wlan-1-3', usr_from=0, service='', method=''):
                        ssid_profile_name='SSID3', ssid_vap_iface=iface, sta_mac=mac, usr_from=usr_from)
 
 
+def rpacket(code, ident, length, fill=0):  # a RADIUS packet as the stream carries it
+    return bytes([code, ident]) + struct.pack('!H', length) + bytes([fill]) * (length - 4)
+
+
 SEEDS = {
     'control': {
         'init': frame(control(4, config('wlan-1-5', '127.0.0.1', '127.0.0.2')), DEBUG),
@@ -107,6 +111,14 @@ SEEDS = {
         'interim': frame(b'\x05', SIGN, 7) + frame(b'', later(60) | PASS, 0) + frame(b'', later(60) | PASS, 0) +
         frame(b'\x05', DEBUG | SIGN, 0),
         'raw': frame(bytes([5, 3, 0, 20]) + bytes(16), DEBUG, 0) + frame(b'\x05\x01', DEBUG, 0),
+    },
+    # Each frame is one read of the connection.
+    'stream': {
+        'two_in_one_read': frame(rpacket(5, 1, 20) + rpacket(5, 2, 44)),
+        'cut_in_header_and_body': frame(rpacket(5, 1, 38)[:3]) + frame(rpacket(5, 1, 38)[3:30]) +
+        frame(rpacket(5, 1, 38)[30:] + rpacket(2, 9, 4096)[:100]) + frame(rpacket(2, 9, 4096)[100:]),
+        'too_long_after_one': frame(rpacket(5, 1, 20) + bytes([5, 2, 0x10, 0x01])) + frame(rpacket(5, 3, 20)),
+        'too_short': frame(bytes([5, 1, 0, 19]) + bytes(15)),
     },
 }
 

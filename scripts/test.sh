@@ -32,9 +32,12 @@ strip -o build-device/meterd.stripped build-device/meterd
 size=$(stat -c %s build-device/meterd.stripped)
 [ "$size" -le 65536 ] || { echo "stripped meterd is $size bytes, more than 64 KiB" >&2; exit 1; }
 
-cmake -S . -B build-clang -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++
+# The clang build carries RADIUS over TLS, so that its seam is built and
+# proven against FreeRADIUS's TLS listener beside the unit tests.
+cmake -S . -B build-clang -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ -DMETERD_TLS=ON
 cmake --build build-clang -j2
 ctest --test-dir build-clang -L unit --output-on-failure -j2
+ctest --test-dir build-clang -R 'system\.tls' --output-on-failure
 
 # Short runs of every fuzz target, and of the daemon under ThreadSanitizer
 # with all its threads busy, so that a regression shows at once. The long

@@ -1,4 +1,4 @@
-#include "frame/meterd.h"
+#include "daemon/startup.h"
 
 int main(int argc, char **argv)
 {

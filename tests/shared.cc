@@ -5,6 +5,7 @@
 
 #include "database/portal_users.h"
 #include "database/profiles.h"
+#include "delivery/servers.h"
 #include "delivery/transaction.h"
 #include "frame/memory.h"
 #include "radius/md5.h"
@@ -47,6 +48,7 @@ void clear_database()
     drain(&request_queue_header);
     drain(&fail_queue_header);
     drain(&id_wait_header);
+    drain(&backlog_header);
     while (!list_empty(&total_interim_queue_header)) {
         auto *q = reinterpret_cast<interim_queue *>(total_interim_queue_header.next);
         drain(&q->interim_queue_header);

@@ -16,8 +16,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "frame/control.h"
-#include "frame/db_dump.h"
+#include "daemon/control.h"
+#include "daemon/db_dump.h"
 #include "radius/client_stats.h"
 
 namespace {
@@ -451,10 +451,14 @@ struct stats_line {
 };
 
 struct stats_report {
-    enum { MAX_SERVERS = CLIENT_STATS_SERVERS + 1 };
+    enum { MAX_SERVERS = CLIENT_STATS_SERVERS + 1, MAX_STATES = 64 };
     stats_line extensions;
     stats_line server[MAX_SERVERS];
     int servers;
+    // meterd -k: "state PROFILE ROLE HOST PORT" with pairs, and "backlog" with pairs.
+    stats_line state[MAX_STATES];
+    int states;
+    stats_line backlog;
 };
 
 int larger(int a, int b)
@@ -472,6 +476,8 @@ bool parse_stats(char *text, stats_report *r)
 {
     r->extensions.count = 0;
     r->servers = 0;
+    r->states = 0;
+    r->backlog.count = 0;
     for (char *save = nullptr, *line = strtok_r(text, "\n", &save); line; line = strtok_r(nullptr, "\n", &save)) {
         stats_line l;
         l.count = 0;
@@ -480,18 +486,27 @@ bool parse_stats(char *text, stats_report *r)
                 return false;
             l.word[l.count++] = w;
         }
-        bool server = strcmp(l.word[0], "server") == 0;
-        int first = server ? 3 : 1;
-        if ((!server && strcmp(l.word[0], "extensions") != 0) || l.count < first || (l.count - first) % 2 ||
-            (server && !all_of(l.word[2], "0123456789")))
+        if (l.count == 0)
+            return false;
+        bool server = strcmp(l.word[0], "server") == 0, state = strcmp(l.word[0], "state") == 0;
+        int first = server ? 3 : state ? 5 : 1;
+        if ((!server && !state && strcmp(l.word[0], "extensions") != 0 && strcmp(l.word[0], "backlog") != 0) ||
+            l.count < first || (l.count - first) % 2 || (first > 1 && !all_of(l.word[first - 1], "0123456789")))
             return false;
         for (int i = first; i < l.count; i += 2)
             if (!all_of(l.word[i], "abcdefghijklmnopqrstuvwxyz_") || !all_of(l.word[i + 1], "0123456789"))
                 return false;
-        if (!server)
+        if (server) {
+            if (r->servers < stats_report::MAX_SERVERS)
+                r->server[r->servers++] = l;
+        } else if (state) {
+            if (r->states < stats_report::MAX_STATES)
+                r->state[r->states++] = l;
+        } else if (strcmp(l.word[0], "backlog") == 0) {
+            r->backlog = l;
+        } else {
             r->extensions = l;
-        else if (r->servers < stats_report::MAX_SERVERS)
-            r->server[r->servers++] = l;
+        }
     }
     return true;
 }
@@ -510,7 +525,53 @@ void print_stats_json(const stats_report *r)
             printf(", \"%s\": %s", l.word[i], l.word[i + 1]);
         printf("}");
     }
-    printf("]}\n");
+    printf("]");
+    if (r->backlog.count) {
+        printf(", \"states\": [");
+        for (int s = 0; s < r->states; s++) {
+            const stats_line &l = r->state[s];
+            printf("%s{\"profile\": \"%s\", \"role\": \"%s\", \"host\": \"%s\", \"port\": %s", s ? ", " : "",
+                   l.word[1], l.word[2], l.word[3], l.word[4]);
+            for (int i = 5; i < l.count; i += 2)
+                printf(", \"%s\": %s", l.word[i], l.word[i + 1]);
+            printf("}");
+        }
+        printf("], \"backlog\": {");
+        for (int i = 1; i < r->backlog.count; i += 2)
+            printf("%s\"%s\": %s", i > 1 ? ", " : "", r->backlog.word[i], r->backlog.word[i + 1]);
+        printf("}");
+    }
+    printf("}\n");
+}
+
+// The value of a pair of line l, or "".
+const char *pair_value(const stats_line &l, const char *name)
+{
+    for (int i = 1; i + 1 < l.count; i++)
+        if (strcmp(l.word[i], name) == 0)
+            return l.word[i + 1];
+    return "";
+}
+
+// meterd -k: each server's state, since when and its probes, and the backlog.
+void print_states(const stats_report *r)
+{
+    if (!r->backlog.count)
+        return;
+    printf("\n");
+    time_t now = time(nullptr);
+    for (int s = 0; s < r->states; s++) {
+        const stats_line &l = r->state[s];
+        long since = atol(pair_value(l, "since"));
+        char when[32] = "since start";
+        if (since > 0)
+            snprintf(when, sizeof when, "for %ld s", static_cast<long>(now) - since);
+        printf("%s %s %s:%s %s %s, probes %s, answered %s\n", l.word[1], l.word[2], l.word[3], l.word[4],
+               strcmp(pair_value(l, "dead"), "0") ? "dead" : "live", when, pair_value(l, "probes"),
+               pair_value(l, "probe_answers"));
+    }
+    printf("backlog: %s requests, the oldest %s s old\n", pair_value(r->backlog, "length"),
+           pair_value(r->backlog, "oldest_age"));
 }
 
 // A column a server, a line a figure; names with blanks for underscores.
@@ -524,6 +585,7 @@ void print_stats_table(const stats_report *r)
     printf("%s\n\n", on ? "" : " none");
     if (r->servers == 0) {
         printf("no request sent yet\n");
+        print_states(r);
         return;
     }
     char head[stats_report::MAX_SERVERS][32];
@@ -557,6 +619,7 @@ void print_stats_table(const stats_report *r)
         }
         printf("\n");
     }
+    print_states(r);
 }
 
 // Asks from a socket of its own, which the system names, and takes the

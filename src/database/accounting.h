@@ -22,6 +22,7 @@ enum {
     QUEUE_TYPE_INTERIM = 1,
     QUEUE_TYPE_REQUEST = 2,
     QUEUE_TYPE_FAIL = 3,
+    QUEUE_TYPE_BACKLOG = 4,  // meterd -k: waiting for a server of its profile to answer
 };
 
 // Accounting status: the RFC 2866 Acct-Status-Type value.
@@ -52,11 +53,29 @@ enum {
     RADIUS_RETRY_COUNT = 3,
 };
 
+// Extended delivery only (meterd -k): whether a server answers, and its
+// probes. All zero in the design, which never reads it.
+struct server_state {
+    unsigned char dead;
+    unsigned char probe_in_flight;  // a Status-Server waits for its answer
+    unsigned char probe_source;     // its socket and Identifier
+    uint8_t probe_id;
+    unsigned char probe_vector[16];  // its Request Authenticator, to verify the answer
+    unsigned char by_request;        // Status-Server goes unanswered: a request probes instead
+    time_t since;                    // when it last became dead or live; 0: never changed
+    time_t next_probe;
+    uint32_t probes;         // probes sent (Status-Server or a request)
+    uint32_t probe_answers;  // ... answered
+    uint32_t unanswered;     // probes in a row without an answer
+    uint32_t in_flight;      // requests sent to it and waiting (counted when asked)
+};
+
 typedef struct radius_accounting_server {
     struct in_addr acct_ip;  // from hostname before each send
     char hostname[64];
     int acct_port;           // host byte order
     char secret[65];
+    struct server_state state;
 } radius_server;
 
 struct accounting_radius {
@@ -115,6 +134,16 @@ struct user_accounting_info {
     unsigned char acc_class[128];
     int class_length;
     conn_t conn_tx_rx_status;
+    // Steady counters only: the device's last reading and what was counted
+    // before its counters were last reset (delivery/policy.cc).
+    conn_t conn_seen;
+    conn_t conn_base;
+    // Extended delivery only: the event the current request reports (the
+    // login, the disassociation, the Interim-Update's due second), kept
+    // through every resend, and the request's Acct-Status-Type.
+    time_t event_time;
+    unsigned char status;
+    unsigned char probing;  // the request is a probe of a dead server: one transmission
 };
 
 struct accounting_node {

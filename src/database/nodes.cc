@@ -13,7 +13,6 @@
 #include "database/session_id.h"
 #include "frame/clock.h"
 #include "frame/console.h"
-#include "frame/extensions.h"
 #include "frame/memory.h"
 #include "frame/meterd.h"
 
@@ -154,25 +153,15 @@ struct accounting_node *add_new_node_for_on_off(struct accounting_radius *radius
     return node;
 }
 
-void store_session_counters(struct user_accounting_info *self, const conn_t *seen)
-{
-    conn_t *stored = &self->conn_tx_rx_status;
-    if (!extension_on(EXT_STEADY_COUNTERS)) {
-        *stored = *seen;
-        return;
-    }
-    if (seen->rx > stored->rx)
-        stored->rx = seen->rx;
-    if (seen->tx > stored->tx)
-        stored->tx = seen->tx;
-}
-
 void free_accounting_msg(struct user_accounting_info *info)
 {
     if (info->request) {
         mtr_free(info->request);
         info->request = nullptr;
     }
+    // Where the packet went goes with it: a later request that never
+    // leaves is no server's pending request nor its time-out.
+    info->sent_to = 0;
 }
 
 void free_accounting_node(struct accounting_node *node)

@@ -14,10 +14,6 @@ struct accounting_node *add_new_node_for_on_off(struct accounting_radius *radius
 // The list of a family's sessions, by MAC: mac_address_header or
 // portal_mac_address_header.
 struct list_head *session_list(int type);
-// Stores counters that the device reported for the session. With steady
-// counters neither direction ever goes down, so that a later packet never
-// reports less than an earlier one.
-void store_session_counters(struct user_accounting_info *self, const conn_t *seen);
 // Unlinks and frees the node with all it owns; NULL accepted.
 void free_accounting_node(struct accounting_node *node);
 // Drops the stored request, if any; the node lives on.

@@ -6,7 +6,6 @@
 #include "database/accounting_db_api.h"
 #include "database/profiles.h"
 #include "delivery/scheduler.h"
-#include "delivery/transaction.h"
 #include "frame/clock.h"
 #include "frame/console.h"
 #include "frame/memory.h"
@@ -24,36 +23,15 @@ bool is_first(const struct accounting_node *node, const struct list_head *header
     return node->queue.prev == header;
 }
 
-// The one form of both handlers. Every due node leaves the queue (moved or
-// freed), and nothing frees another node of this queue, so the noted next
-// node stays valid.
-void serve_queue(struct list_head *header, scheduler_func self,
-                 void (*due)(struct accounting_node *node))
-{
-    time_t now = mtr_time();
-    struct list_head *pos, *next;
-    list_for_each_safe(pos, next, header) {
-        struct accounting_node *node = node_of(pos);
-        if (node->self->report_time > now) {
-            // Nodes behind this one wait for it, even if they are due.
-            register_schedule(node->self->report_time, self, header);
-            return;
-        }
-        if (check_radius_exist(node->self->acct_radius) == 1)
-            due(node);
-        else
-            transaction_drop(node);
-    }
-}
-
-void resend(struct accounting_node *node)
-{
-    // The status counts only when a new packet must be composed: a stored
-    // request goes out again as it is.
-    transaction_begin(node, ACCOUNTING_INTERIM);
-}
+scheduler_func on_deadline, on_send;
 
 }  // namespace
+
+void queues_handlers(scheduler_func deadline, scheduler_func send)
+{
+    on_deadline = deadline;
+    on_send = send;
+}
 
 int insert_node_to_queue(struct accounting_node *node, unsigned short queue_type)
 {
@@ -70,7 +48,7 @@ int insert_node_to_queue(struct accounting_node *node, unsigned short queue_type
             // The entry set for the former first node would fire too late.
             if (node->queue.next != &request_queue_header)
                 unregister_schedule(&request_queue_header);
-            register_schedule(self->report_time, request_timeout_handler, &request_queue_header);
+            register_schedule(self->report_time, on_deadline, &request_queue_header);
         }
         break;
 
@@ -79,7 +57,7 @@ int insert_node_to_queue(struct accounting_node *node, unsigned short queue_type
         queue_insert_to_tail(node, &fail_queue_header);
         TRACE("add node %p to fail queue\n", static_cast<void *>(node));
         if (is_first(node, &fail_queue_header))
-            register_schedule(self->report_time, request_send_handler, &fail_queue_header);
+            register_schedule(self->report_time, on_send, &fail_queue_header);
         break;
 
     case QUEUE_TYPE_INTERIM: {
@@ -96,7 +74,7 @@ int insert_node_to_queue(struct accounting_node *node, unsigned short queue_type
         // A node with interval 0 gets no entry: it waits without Interim-Updates.
         if (is_first(node, header) && self->acc_interim != 0) {
             TRACE("we must add node to interim queue\n");
-            register_schedule(self->report_time, request_send_handler, header);
+            register_schedule(self->report_time, on_send, header);
         }
         break;
     }
@@ -141,14 +119,26 @@ int queue_insert_and_sort(struct accounting_node *node, struct list_head *queue_
     return 0;
 }
 
-void request_timeout_handler(struct list_head *header)
+// The one form of both handlers. Every due node leaves the queue (moved or
+// freed), and nothing frees another node of this queue, so the noted next
+// node stays valid.
+void serve_queue(struct list_head *header, scheduler_func self, void (*due)(struct accounting_node *node),
+                 void (*drop)(struct accounting_node *node))
 {
-    serve_queue(header, request_timeout_handler, fail_handler);
-}
-
-void request_send_handler(struct list_head *header)
-{
-    serve_queue(header, request_send_handler, resend);
+    time_t now = mtr_time();
+    struct list_head *pos, *next;
+    list_for_each_safe(pos, next, header) {
+        struct accounting_node *node = node_of(pos);
+        if (node->self->report_time > now) {
+            // Nodes behind this one wait for it, even if they are due.
+            register_schedule(node->self->report_time, self, header);
+            return;
+        }
+        if (check_radius_exist(node->self->acct_radius) == 1)
+            due(node);
+        else
+            drop(node);
+    }
 }
 
 struct accounting_node *find_request(int response_id, int source)

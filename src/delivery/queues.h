@@ -5,6 +5,10 @@
 
 #include "database/accounting.h"
 
+// The scheduler handlers that the queues' entries run: the request queue's
+// deadlines, and the sends of the fail and interim queues. Set once by their
+// owner (transaction_init).
+void queues_handlers(scheduler_func deadline, scheduler_func send);
 // Moves node onto the queue of queue_type and arranges its scheduler entry.
 // Always 0; an unknown type leaves the node where it was.
 int insert_node_to_queue(struct accounting_node *node, unsigned short queue_type);
@@ -12,8 +16,11 @@ int insert_node_to_queue(struct accounting_node *node, unsigned short queue_type
 struct list_head *get_interim_queue_header(int interim);
 // Sorted insertion by report_time; among equals the newer stands behind.
 int queue_insert_and_sort(struct accounting_node *node, struct list_head *queue_header);
-void request_timeout_handler(struct list_head *header);
-void request_send_handler(struct list_head *header);
+// One pass of a scheduler handler (self) over a sorted queue: each due node
+// goes to `due`, or to `drop` when its profile has no server; the first
+// node not yet due sets the queue's next entry.
+void serve_queue(struct list_head *header, scheduler_func self, void (*due)(struct accounting_node *node),
+                 void (*drop)(struct accounting_node *node));
 // First node of the request queue whose stored request has that id, or NULL.
 // source, the socket the answer came on, is 0 but with unique Identifiers,
 // where an Identifier is unique per socket.

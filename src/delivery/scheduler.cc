@@ -3,7 +3,6 @@
 
 #include <unistd.h>
 
-#include "delivery/transaction.h"
 #include "frame/clock.h"
 #include "frame/console.h"
 #include "frame/memory.h"
@@ -89,8 +88,6 @@ void scheduler_pass(time_t now)
         pos = pass_next;
     }
     pass_next = nullptr;
-    // Time-outs that gave requests up may have set Identifiers free.
-    transaction_release_waiting();
 }
 
 void *do_scheduler(void *argv)

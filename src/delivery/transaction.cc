@@ -3,23 +3,55 @@
 
 #include <cstring>
 
+#include "database/accounting_db_api.h"
 #include "database/mac_text.h"
 #include "database/nodes.h"
 #include "database/profiles.h"
+#include "delivery/identifiers.h"
+#include "delivery/policy.h"
 #include "delivery/queues.h"
+#include "delivery/scheduler.h"
+#include "delivery/servers.h"
+#include "frame/clock.h"
 #include "frame/console.h"
-#include "frame/extensions.h"
 #include "platform/station_lookups.h"
 #include "radius/client_stats.h"
 #include "radius/compose.h"
 #include "radius/radius_msg.h"
 #include "radius/radius_send_recieve.h"
 
-// Unique Identifiers only: requests composed while all 256 Identifiers were
-// held, in the order they came, each waiting for one to come free.
 struct list_head id_wait_header = LIST_HEAD_INIT(id_wait_header);
 
 namespace {
+
+// Heads of the scheduler entries that are no queue's: the wake of a resting
+// Identifier, and the probes of dead servers.
+struct list_head probe_timer = LIST_HEAD_INIT(probe_timer);
+
+void wake_handler(struct list_head *)
+{
+    transaction_release_waiting();
+}
+
+// A request that leaves its queue unanswered: its Identifier rests, and
+// requests waiting for one are woken when it may be taken again.
+void rest(const struct user_accounting_info *self)
+{
+    identifier_rest(self);
+    if (!list_empty(&id_wait_header)) {
+        unregister_schedule(&id_wait_header);
+        time_t wake = identifier_next_wake();
+        if (wake)
+            register_schedule(wake, wake_handler, &id_wait_header);
+    }
+}
+
+// ... and its packet goes.
+void abandon(struct user_accounting_info *self)
+{
+    rest(self);
+    free_accounting_msg(self);
+}
 
 void free_nodes_of(struct list_head *header, const struct accounting_radius *radius,
                    const struct accounting_node *spared)
@@ -27,8 +59,10 @@ void free_nodes_of(struct list_head *header, const struct accounting_radius *rad
     struct list_head *pos, *next;
     list_for_each_safe(pos, next, header) {
         auto *node = list_entry(pos, struct accounting_node, queue);
-        if (node != spared && node->self->acct_radius == radius)
+        if (node != spared && node->self->acct_radius == radius) {
+            rest(node->self);
             free_accounting_node(node);
+        }
     }
 }
 
@@ -51,44 +85,89 @@ void end_node(struct accounting_node *node, bool off_answered, bool trace_count)
     free_accounting_node(node);
 }
 
-// The owner's side of the RADIUS client.
-
-int free_identifier(uint8_t from, int *source)
+// Sends node's request, composed for status if it holds none, and queues it
+// for its answer; with unique Identifiers a request that finds none free, or
+// older ones waiting for one, waits behind them instead.
+void start(struct accounting_node *node, int status)
 {
-    uint8_t held[RADIUS_SOURCES][256 / 8];
-    memset(held, 0, sizeof held);
-    struct list_head *const queues[] = {&request_queue_header, &fail_queue_header};
-    for (struct list_head *queue : queues) {
-        struct list_head *pos;
-        list_for_each(pos, queue) {
-            const struct user_accounting_info *self = list_entry(pos, struct accounting_node, queue)->self;
-            if (self->request && self->source < RADIUS_SOURCES)
-                held[self->source][self->request->id / 8] |=
-                    static_cast<uint8_t>(1u << (self->request->id % 8));
-        }
+    struct user_accounting_info *self = node->self;
+    self->status = static_cast<unsigned char>(status);
+    if (policy->unique_ids && !self->request && node_server(self) &&
+        (!list_empty(&id_wait_header) || accounting_msg(node, status) == 1)) {
+        self->queue_type = QUEUE_TYPE_NONE;
+        list_move_tail(&node->queue, &id_wait_header);
+        return;
     }
-    for (int s = 0; s < radius_source_limit && s < RADIUS_SOURCES; s++) {
-        for (int k = 0; k < 256; k++) {
-            uint8_t id = static_cast<uint8_t>(from + k);
-            if (!(held[s][id / 8] & (1u << (id % 8)))) {
-                *source = s;
-                return id;
-            }
-        }
-    }
-    return -1;
+    send_accounting(node, status);
+    insert_node_to_queue(node, QUEUE_TYPE_REQUEST);
 }
+
+// meterd -k: a new request goes to a server that may take it, or waits on
+// the backlog, without a packet, until one may.
+void route(struct accounting_node *node)
+{
+    if (servers_route(node)) {
+        start(node, node->self->status);
+        return;
+    }
+    abandon(node->self);
+    node->self->queue_type = QUEUE_TYPE_BACKLOG;
+    list_move_tail(&node->queue, &backlog_header);
+}
+
+void send_request(struct accounting_node *node)
+{
+    if (policy->keep_records)
+        route(node);
+    else
+        start(node, node->self->status);
+}
+
+// meterd -k: the backlog goes out oldest first, as far as the servers of
+// each profile may take it.
+void drain_backlog()
+{
+    struct list_head *pos, *next;
+    list_for_each_safe(pos, next, &backlog_header) {
+        auto *node = list_entry(pos, struct accounting_node, queue);
+        if (servers_route(node))
+            start(node, node->self->status);
+    }
+}
+
+void probe_handler(struct list_head *header)
+{
+    time_t next = servers_probe(mtr_time());
+    if (next)
+        register_schedule(next, probe_handler, header);
+    drain_backlog();
+}
+
+void schedule_probes()
+{
+    unregister_schedule(&probe_timer);
+    time_t next = servers_probe(mtr_time());
+    if (next)
+        register_schedule(next, probe_handler, &probe_timer);
+}
+
+// The owner's side of the RADIUS client.
 
 void answered(struct accounting_node *node, uint32_t status, const radius_server *server)
 {
     struct user_accounting_info *self = node->self;
     free_accounting_msg(self);
+    if (policy->keep_records)
+        servers_live(node_server(self));
     // The budget then belongs to each request, not to the session's life:
     // the next request starts again with its full transmissions to the
-    // primary, then to the backup.
-    if (extension_on(EXT_RETRY_PER_REQUEST)) {
+    // first server of the profile.
+    if (policy->budget_per_request) {
         self->retry_count = 1;
-        self->server = SERVER_PRIMARY;
+        self->probing = 0;
+        self->server = servers_first(self->acct_radius);
+        if (self->server == SERVER_NONE)
+            self->server = SERVER_PRIMARY;
     }
 
     const char *user_name = self->user ? self->user->user_name : "";
@@ -118,6 +197,19 @@ void answered(struct accounting_node *node, uint32_t status, const radius_server
         break;
     }
     transaction_release_waiting();
+    if (policy->keep_records)
+        drain_backlog();
+}
+
+int probe_answer(AUTH_HDR *response, const struct radius_datagram *d)
+{
+    if (!policy->keep_records)
+        return 0;
+    bool revived = false;
+    int handled = servers_probe_answer(response, d, &revived);
+    if (revived)
+        drain_backlog();
+    return handled;
 }
 
 // The address that a packet carries is the session's from then on: a failed
@@ -127,15 +219,12 @@ int session_address(struct accounting_node *node, struct in_addr *ip)
     struct user_node_info *user = node->self->user;
     struct in_addr known = user->user_ip;
     int found = whal_getip(user->user_mac, &user->user_ip);
-    // With steady counters a failed look-up keeps what the session knew.
-    if (!found && extension_on(EXT_STEADY_COUNTERS))
+    if (!found && policy->keep_address)
         user->user_ip = known;
     *ip = user->user_ip;
     return found;
 }
 
-// Likewise the counters: a failed look-up stores 0 in both, and a later
-// Stop sends them.
 void session_counters(struct accounting_node *node, conn_t *counters)
 {
     struct user_accounting_info *self = node->self;
@@ -143,10 +232,8 @@ void session_counters(struct accounting_node *node, conn_t *counters)
     memset(rrm_mac, 0, sizeof rrm_mac);
     change_mac_to_rrm_format(rrm_mac, self->user->user_mac);
     conn_t seen;
-    get_connection_status_by_ip(rrm_mac, &seen);
-    // With steady counters a failed look-up (both 0) keeps them as well.
-    if (!extension_on(EXT_STEADY_COUNTERS) || seen.rx || seen.tx)
-        store_session_counters(self, &seen);
+    station_counters(rrm_mac, &seen, policy->read_counter);
+    policy->take_counters(self, &seen, true);
     *counters = self->conn_tx_rx_status;
 }
 
@@ -157,41 +244,85 @@ void each_waiting(void (*each)(const struct user_accounting_info *self))
         each(list_entry(pos, struct accounting_node, queue)->self);
 }
 
-const struct radius_client_ops owner = {find_request,     answered,        session_address,
-                                        session_counters, free_identifier, each_waiting};
+const struct radius_client_ops owner = {find_request,     answered,         session_address,
+                                        session_counters, identifier_take, each_waiting,
+                                        probe_answer};
+
+// A request that falls due on the fail queue goes again, as it is; one on
+// an interim queue is the session's next Interim-Update, whose event is the
+// second it fell due.
+void resend(struct accounting_node *node)
+{
+    struct user_accounting_info *self = node->self;
+    if (self->queue_type == QUEUE_TYPE_INTERIM) {
+        self->status = ACCOUNTING_INTERIM;
+        self->event_time = self->report_time;
+        send_request(node);
+        return;
+    }
+    // The status counts only when a new packet must be composed: the design
+    // composes an Interim-Update then, whatever the request was.
+    if (!policy->budget_per_request)
+        self->status = ACCOUNTING_INTERIM;
+    start(node, self->status);
+}
 
 }  // namespace
 
 void transaction_init(void)
 {
     radius_client_register(&owner);
+    queues_handlers(request_timeout_handler, request_send_handler);
 }
 
 void transaction_begin(struct accounting_node *node, int status)
 {
     struct user_accounting_info *self = node->self;
-    int source;
-    if (extension_on(EXT_UNIQUE_IDS) && !self->request && node_server(self) &&
-        (free_identifier(request_id, &source) < 0 || radius_source_open(source) != 0)) {
-        // Composed now, with what the device says now, but it waits for an
-        // Identifier rather than take one that an answer could meet. Without
-        // memory for it the node takes the design's road below.
-        if (accounting_msg(node, status) == 1) {
-            list_move_tail(&node->queue, &id_wait_header);
-            return;
-        }
+    self->status = static_cast<unsigned char>(status);
+    self->event_time = mtr_time();
+    send_request(node);
+}
+
+void transaction_replace(struct accounting_node *node, int status)
+{
+    struct user_accounting_info *self = node->self;
+    // Whatever transaction was in flight is abandoned: with no stored
+    // request, the new one is composed anew.
+    queue_remove(node);
+    abandon(self);
+    // With the budget per request the new one has all its transmissions,
+    // not what the abandoned one left.
+    if (policy->budget_per_request) {
+        self->retry_count = 1;
+        self->server = servers_first(self->acct_radius);
+        if (self->server == SERVER_NONE)
+            self->server = SERVER_PRIMARY;
     }
+    transaction_begin(node, status);
+}
+
+void transaction_send_once(struct accounting_node *node, int status)
+{
+    node->self->event_time = mtr_time();
     send_accounting(node, status);
-    insert_node_to_queue(node, QUEUE_TYPE_REQUEST);
+    free_accounting_node(node);
 }
 
 void transaction_release_waiting(void)
 {
     while (!list_empty(&id_wait_header)) {
         struct accounting_node *node = list_entry(id_wait_header.next, struct accounting_node, queue);
-        if (accounting_msg_number(node) != 0)
+        int made = accounting_msg(node, node->self->status);
+        if (made == 1) {
+            // Every Identifier held: the next answer frees one, or the first
+            // resting one wakes.
+            unregister_schedule(&id_wait_header);
+            time_t wake = identifier_next_wake();
+            if (wake)
+                register_schedule(wake, wake_handler, &id_wait_header);
             return;
-        send_accounting(node, 0);
+        }
+        send_accounting(node, node->self->status);
         insert_node_to_queue(node, QUEUE_TYPE_REQUEST);
     }
 }
@@ -201,17 +332,51 @@ void transaction_drop(struct accounting_node *node)
     end_node(node, false, false);
 }
 
+void request_timeout_handler(struct list_head *header)
+{
+    serve_queue(header, request_timeout_handler, fail_handler, transaction_drop);
+}
+
+void request_send_handler(struct list_head *header)
+{
+    serve_queue(header, request_send_handler, resend, transaction_drop);
+}
+
 void fail_handler(struct accounting_node *node)
 {
     struct user_accounting_info *self = node->self;
     struct accounting_radius *radius = self->acct_radius;
     client_stats_timeout(self);
 
+    // A request that probes a dead server has one transmission; unanswered,
+    // it goes on with a whole budget where the profile can take it.
+    if (self->probing) {
+        abandon(self);
+        send_request(node);
+        return;
+    }
+
     // The budget belongs to the node, not to the transaction: a response
     // does not reset it, so earlier time-outs of the session count here too.
     if (self->retry_count <= radius->retry_count) {
         self->retry_count++;
         insert_node_to_queue(node, QUEUE_TYPE_FAIL);
+        return;
+    }
+
+    // meterd -k: nothing is given up. The server is dead, and the request,
+    // composed anew (its Acct-Delay-Time moves), goes where the profile can
+    // take it, or waits.
+    if (policy->keep_records) {
+        radius_server *server = node_server(self);
+        if (server) {
+            TRACE("%s accounting fail. Accounting server %s no response.\n",
+                  self->user ? self->user->user_name : "", server->hostname);
+            servers_dead(server);
+            schedule_probes();
+        }
+        abandon(self);
+        send_request(node);
         return;
     }
 
@@ -229,6 +394,7 @@ void fail_handler(struct accounting_node *node)
 
     fail_handler_log(node, self->server == SERVER_PRIMARY ? FAIL_STATUS_PRIMARY_DONE
                                                           : FAIL_STATUS_BACKUP_DONE);
+    rest(self);
     end_node(node, false, true);
 }
 
@@ -265,6 +431,7 @@ void remove_radius_queue(struct accounting_node *node)
     free_nodes_of(&fail_queue_header, radius, node);
     free_nodes_of(&request_queue_header, radius, node);
     free_nodes_of(&id_wait_header, radius, node);
+    free_nodes_of(&backlog_header, radius, node);
 }
 
 void release_radius_profile(struct accounting_node *node)

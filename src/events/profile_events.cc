@@ -4,7 +4,6 @@
 #include "database/profiles.h"
 #include "delivery/transaction.h"
 #include "frame/console.h"
-#include "radius/radius_send_recieve.h"
 
 // These arms report under the name of the loop that runs them.
 #define OVAT_MODULE "accounting"
@@ -77,7 +76,6 @@ void ovat_exit_remove_radius_all(void)
         struct accounting_node *node = add_new_node_for_on_off(radius);
         if (!node)
             continue;  // the others still get their Accounting-Off
-        send_accounting(node, ACCOUNTING_OFF);
-        free_accounting_node(node);
+        transaction_send_once(node, ACCOUNTING_OFF);
     }
 }

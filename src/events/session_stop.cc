@@ -6,6 +6,7 @@
 
 #include "database/accounting_db_api.h"
 #include "database/nodes.h"
+#include "delivery/policy.h"
 #include "delivery/transaction.h"
 #include "frame/console.h"
 
@@ -15,10 +16,7 @@ namespace {
 // station that moved nothing: it must not wipe what an Interim-Update stored.
 bool store_counters(struct user_accounting_info *self, const conn_t *status)
 {
-    if (status->tx == 0 || status->rx == 0)
-        return false;
-    store_session_counters(self, status);
-    return true;
+    return policy->take_counters(self, status, false);
 }
 
 }  // namespace
@@ -34,11 +32,7 @@ int accounting_stop_by_mac(struct accounting_node *node, int type, conn_t *statu
     if (type == PROFILE_TYPE_NORMAL)
         self->user->uam_logout_cause = 4;
     store_counters(self, status);
-    // Whatever transaction was in flight is abandoned: with no stored
-    // request, the Stop is composed anew.
-    queue_remove(node);
-    free_accounting_msg(self);
-    transaction_begin(node, ACCOUNTING_STOP);
+    transaction_replace(node, ACCOUNTING_STOP);
     ip_address_table_remove(node);
     return 0;
 }

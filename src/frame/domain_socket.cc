@@ -1,12 +1,11 @@
 // Unix datagram sockets, shared by the threads of the local peers.
 #include "frame/domain_socket.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
-
-#include "database/accounting.h"
 
 int domain_socket_create(const char *domain_sock_file, struct sockaddr_un *addr)
 {
@@ -15,8 +14,20 @@ int domain_socket_create(const char *domain_sock_file, struct sockaddr_un *addr)
         return -1;
     memset(addr, 0, sizeof *addr);
     addr->sun_family = AF_UNIX;
-    copy_text(addr->sun_path, sizeof addr->sun_path, domain_sock_file);
+    snprintf(addr->sun_path, sizeof addr->sun_path, "%s", domain_sock_file);
     unlink(domain_sock_file);
+    // Whoever may write the socket file may send us events, and the daemon
+    // runs as root: the file is root's alone whatever umask we were started
+    // with. Linux makes the file bind() creates with the mode of the
+    // socket's own inode (less the umask), so setting that first leaves no
+    // moment in which others may connect, as a chmod() after bind() would.
+    // A umask is process-wide: around bind() it would race with the other
+    // threads binding theirs; set once at start-up it would also close to
+    // their peers the files the device's libraries make.
+    if (fchmod(fd, S_IRUSR | S_IWUSR) != 0) {
+        close(fd);
+        return -1;
+    }
     if (bind(fd, reinterpret_cast<struct sockaddr *>(addr), sizeof *addr) < 0) {
         close(fd);
         return -2;

@@ -11,7 +11,8 @@
 
 // A bound Unix datagram socket: the descriptor, -1 if no socket could be
 // made, -2 if it could not be bound. A file left by an earlier run is
-// unlinked first. addr is filled in for the caller.
+// unlinked first; the new one has mode 0600 whatever the umask. addr is
+// filled in for the caller.
 int domain_socket_create(const char *domain_sock_file, struct sockaddr_un *addr);
 // recvfrom without flags, the address length set afresh for each call.
 ssize_t domain_socket_recvfrom(int sockfd, void *msg, size_t msglen, struct sockaddr_un *src_addr);

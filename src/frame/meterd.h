@@ -43,8 +43,4 @@ int notify_flush_all(void);
 // Applies the mode reported by the device to is_cloud.
 void set_operating_mode(int mode);
 
-// The whole daemon: start-up, threads, and the join that never returns.
-// Returns -1 on the start-up failures.
-int meterd_main(int argc, char **argv);
-
 #endif

@@ -11,7 +11,6 @@
 #include <cstring>
 
 #include "frame/console.h"
-#include "frame/extensions.h"
 #include "platform/platform.h"
 #include "platform/station_probe.h"
 
@@ -19,17 +18,6 @@ namespace {
 
 // The module of the lookup in progress; nothing survives between lookups.
 parser_module *module = nullptr;
-
-// atoi's reading (leading blanks, sign, digits up to the first non-digit),
-// but a number beyond int reads as 0 instead of being undefined.
-long read_counter(const char *text)
-{
-    errno = 0;
-    long v = strtol(text, nullptr, 10);
-    if (errno == ERANGE || v > INT_MAX || v < INT_MIN)
-        return 0;
-    return v;
-}
 
 }  // namespace
 
@@ -74,7 +62,24 @@ int whal_getip(const char *stamac, struct in_addr *ip)
     return ok;
 }
 
+uint64_t counter_from_text(const char *text)
+{
+    // atoi's reading (leading blanks, sign, digits up to the first
+    // non-digit), but a number beyond int reads as 0 instead of being
+    // undefined, and so does one below 1.
+    errno = 0;
+    long v = strtol(text, nullptr, 10);
+    if (errno == ERANGE || v > INT_MAX || v <= 0)
+        return 0;
+    return static_cast<uint64_t>(v);
+}
+
 int get_connection_status_by_ip(const char *user_mac, conn_t *status)
+{
+    return station_counters(user_mac, status, counter_from_text);
+}
+
+int station_counters(const char *user_mac, conn_t *status, uint64_t (*read)(const char *text))
 {
     char mac_str[18];
     char rrm_table_name[64];
@@ -116,19 +121,10 @@ int get_connection_status_by_ip(const char *user_mac, conn_t *status)
     copy_text(tx_char, sizeof tx_char, msg);
 
     // No partial answer: one counter missing or zero zeroes the other too.
-    if (extension_on(EXT_STEADY_COUNTERS)) {
-        uint64_t rx = read_counter64(rx_char), tx = read_counter64(tx_char);
-        if (rx > 0 && tx > 0) {
-            status->rx = rx;
-            status->tx = tx;
-        }
-    } else {
-        long rx = read_counter(rx_char);
-        long tx = read_counter(tx_char);
-        if (strcmp(tx_char, "N/A") != 0 && rx > 0 && tx > 0) {
-            status->rx = static_cast<uint64_t>(rx);
-            status->tx = static_cast<uint64_t>(tx);
-        }
+    uint64_t rx = read(rx_char), tx = read(tx_char);
+    if (rx > 0 && tx > 0) {
+        status->rx = rx;
+        status->tx = tx;
     }
 
     if (module->close_sock)

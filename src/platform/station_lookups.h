@@ -15,5 +15,10 @@ int whal_getip(const char *stamac, struct in_addr *ip);
 // Always 0, as the device's library promises nothing more: both counters
 // set, or both 0 when either could not be read.
 int get_connection_status_by_ip(const char *user_mac, conn_t *status);
+// The same, each counter's text read by `read` (0: unknown).
+int station_counters(const char *user_mac, conn_t *status, uint64_t (*read)(const char *text));
+// The design's reading of a counter's text: an int as atoi reads it, 0 when
+// it is none, beyond int, or below 1 ("N/A" among them).
+uint64_t counter_from_text(const char *text);
 
 #endif

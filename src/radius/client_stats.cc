@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "frame/extensions.h"
 #include "radius/radius_send_recieve.h"
 
 namespace {
@@ -17,26 +16,6 @@ enum { OTHER = CLIENT_STATS_SERVERS };
 
 struct client_stats_row rows[CLIENT_STATS_SERVERS + 1];
 int used;  // rows of their own so far
-
-// The names meterctl shows, one for each extension.
-struct extension_name {
-    unsigned bit;
-    const char *name;
-};
-constexpr extension_name extension_names[] = {
-    {EXT_GIGAWORDS, "gigawords"},
-    {EXT_UNIQUE_IDS, "unique_ids"},
-    {EXT_RETRY_PER_REQUEST, "retry_per_request"},
-    {EXT_STEADY_COUNTERS, "steady_counters"},
-};
-constexpr unsigned named_extensions()
-{
-    unsigned all = 0;
-    for (const extension_name &e : extension_names)
-        all |= e.bit;
-    return all;
-}
-static_assert(named_extensions() == EXT_ALL, "every extension needs its name in the report");
 
 // Monotonic milliseconds, wrapping: only differences are read.
 uint32_t now_ms()
@@ -158,6 +137,20 @@ void client_stats_answered(const struct radius_datagram *d, const AUTH_HDR *resp
         rows[self->sent_to - 1].round_trip_ms = now_ms() - self->sent_ms;
 }
 
+void client_stats_probe(const struct radius_datagram *d, const AUTH_HDR *response, int outcome)
+{
+    if (!d || d->length < 0)
+        return;
+    struct client_stats_row *row = row_of(&d->from, false);
+    row->responses++;
+    if (malformed(d, response))
+        row->malformed++;
+    else if (outcome == STATS_BAD_AUTHENTICATOR)
+        row->bad_authenticators++;
+    else if (outcome == STATS_UNKNOWN_TYPE)
+        row->unknown_types++;
+}
+
 int client_stats_of(struct in_addr addr, uint16_t port, struct client_stats_row *out)
 {
     const struct client_stats_row *row = find_row(addr, port);
@@ -172,10 +165,7 @@ size_t client_stats_report(char *out, size_t size)
 {
     count_pending();
     size_t n = 0;
-    put(out, size, &n, "extensions");
-    for (const extension_name &e : extension_names)
-        put(out, size, &n, " %s %d", e.name, extension_on(e.bit) ? 1 : 0);
-    put(out, size, &n, "\n");
+    out[0] = '\0';
     static const struct client_stats_row none = {};
     for (int i = 0; i <= OTHER; i++) {
         const struct client_stats_row *r = &rows[i];

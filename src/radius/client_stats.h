@@ -54,18 +54,21 @@ void client_stats_timeout(const struct user_accounting_info *self);
 // for `reason` (one of the three fields named below), or counted as
 // malformed instead when it is: its bytes, nullptr for a datagram the
 // receive refused before reading them.
-enum { STATS_MALFORMED, STATS_BAD_AUTHENTICATOR, STATS_DROPPED };
+enum { STATS_MALFORMED, STATS_BAD_AUTHENTICATOR, STATS_DROPPED, STATS_UNKNOWN_TYPE, STATS_ANSWER };
 void client_stats_refused(const struct radius_datagram *d, const AUTH_HDR *response, int reason);
 // A datagram that was taken as the answer to self's packet.
 void client_stats_answered(const struct radius_datagram *d, const AUTH_HDR *response,
                            const struct user_accounting_info *self);
 
+// A datagram that met a probe of a dead server: its answer (STATS_ANSWER),
+// or refused as STATS_BAD_AUTHENTICATOR or STATS_UNKNOWN_TYPE.
+void client_stats_probe(const struct radius_datagram *d, const AUTH_HDR *response, int outcome);
+
 // The row of a server (port in host order), pending counted now; 0, or -1
 // when it has none.
 int client_stats_of(struct in_addr addr, uint16_t port, struct client_stats_row *out);
-// The report for meterctl, lines of text: "extensions" with each extension
-// and 0 or 1, then "server ADDRESS PORT" with each figure and its value, a
-// row a line, "other" for the last row. Cut to size (NUL-terminated);
+// The report for meterctl, lines of text: "server ADDRESS PORT" with each
+// figure and its value, a row a line, "other" for the last row. Cut to size (NUL-terminated);
 // returns its length.
 size_t client_stats_report(char *out, size_t size);
 // Forgets every row (tests).

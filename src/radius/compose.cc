@@ -9,11 +9,9 @@
 #include "database/profiles.h"
 #include "frame/clock.h"
 #include "frame/console.h"
-#include "frame/extensions.h"
 #include "frame/memory.h"
 #include "radius/radius_send_recieve.h"
 
-uint8_t request_id = 0;
 // Nothing assigns it: every packet carries NAS-Port 0.
 unsigned short local_port = 0;
 
@@ -29,6 +27,12 @@ const termination_cause_t termination_cause_array[TERMINATION_CAUSE_COUNT] = {
 };
 
 namespace {
+
+struct compose_rules rules;
+
+// A wall clock before this (2020) was never set: the access point booted
+// without the time of day, and an Event-Timestamp would lie.
+constexpr time_t CLOCK_SET = 1577836800;
 
 enum {
     ACCT_AUTHENTIC_RADIUS = 1,
@@ -164,25 +168,14 @@ void add_tail(AUTH_HDR *req, struct accounting_node *node, int status)
     accounting_report_sta(node, status, req);
 }
 
-// The Identifier of a new packet, or -1 while it must wait for one. The
-// design takes request_id as it comes, wrapping at 256 whatever is in
-// flight; with unique Identifiers it is the first from there that no
-// request in flight holds on the socket it leaves from (*source), so that
-// an answer can only meet its own request and a server never takes a new
-// request for a duplicate. A server tells duplicates by source port too, so
-// each further socket is 256 more requests in flight.
-int take_identifier(unsigned char *source)
+// Acct-Delay-Time (RFC 2866): how long the event has waited for this
+// packet. A clock set back meanwhile gives 0, not a wrapped count.
+void add_delay(AUTH_HDR *req, const struct user_accounting_info *self)
 {
-    *source = 0;
-    if (!extension_on(EXT_UNIQUE_IDS))
-        return request_id++;
-    int from;
-    int id = radius_client()->free_identifier(request_id, &from);
-    if (id < 0 || radius_source_open(from) != 0)
-        return -1;
-    *source = static_cast<unsigned char>(from);
-    request_id = static_cast<uint8_t>(id + 1);
-    return id;
+    time_t now = mtr_time();
+    time_t delay = now > self->event_time ? now - self->event_time : 0;
+    radius_msg_add_attr_int32(req, RADIUS_ATTR_ACCT_DELAY_TIME,
+                              static_cast<int>(static_cast<uint32_t>(delay)));
 }
 
 void sign(struct user_accounting_info *self)
@@ -214,8 +207,10 @@ int accounting_report_sta(struct accounting_node *node, int status, AUTH_HDR *re
         return 0;
 
     // 32-bit arithmetic on the low words, as the attribute is 32 bits wide.
-    uint32_t session_time =
-        static_cast<uint32_t>(mtr_time()) - static_cast<uint32_t>(user->login_time);
+    // With event times the session is timed to its event, however late the
+    // packet leaves.
+    time_t at = rules.event_times ? self->event_time : mtr_time();
+    uint32_t session_time = static_cast<uint32_t>(at) - static_cast<uint32_t>(user->login_time);
     radius_msg_add_attr_int32(request, RADIUS_ATTR_ACCT_SESSION_TIME,
                               static_cast<int>(session_time));
 
@@ -229,13 +224,20 @@ int accounting_report_sta(struct accounting_node *node, int status, AUTH_HDR *re
                                   static_cast<int>(static_cast<uint32_t>(counters.rx)));
         radius_msg_add_attr_int32(request, RADIUS_ATTR_ACCT_OUTPUT_OCTETS,
                                   static_cast<int>(static_cast<uint32_t>(counters.tx)));
-        if (extension_on(EXT_GIGAWORDS)) {
+        if (rules.gigawords) {
             // RFC 2869: how many times each counter has passed 2^32.
             radius_msg_add_attr_int32(request, RADIUS_ATTR_ACCT_INPUT_GIGAWORDS,
                                       static_cast<int>(static_cast<uint32_t>(counters.rx >> 32)));
             radius_msg_add_attr_int32(request, RADIUS_ATTR_ACCT_OUTPUT_GIGAWORDS,
                                       static_cast<int>(static_cast<uint32_t>(counters.tx >> 32)));
         }
+    }
+    if (rules.event_times) {
+        // Without the time of day Acct-Delay-Time alone tells the server.
+        if (self->event_time >= CLOCK_SET)
+            radius_msg_add_attr_int32(request, RADIUS_ATTR_EVENT_TIMESTAMP,
+                                      static_cast<int>(static_cast<uint32_t>(self->event_time)));
+        return 0;
     }
     // Read anew: the lookups above may have taken their time.
     radius_msg_add_attr_int32(request, RADIUS_ATTR_EVENT_TIMESTAMP,
@@ -258,30 +260,27 @@ int accounting_msg(struct accounting_node *node, int status)
 
     req->code = RADIUS_CODE_ACCOUNTING_REQUEST;
     unsigned char source;
-    int id = take_identifier(&source);
-    req->id = static_cast<uint8_t>(id < 0 ? 0 : id);
+    int id = radius_client()->take_identifier(&source);
+    if (id < 0) {
+        mtr_free(req);
+        return 1;
+    }
+    req->id = static_cast<uint8_t>(id);
     req->length = htons(RADIUS_HDR_LEN);
 
     add_head(req, node, status);
     add_tail(req, node, status);
+    if (rules.event_times)
+        add_delay(req, self);
 
     self->request = req;
     self->sent_to = 0;
     self->source = source;
-    if (id < 0)
-        return 1;
     sign(self);
     return 0;
 }
 
-int accounting_msg_number(struct accounting_node *node)
+void compose_configure(const struct compose_rules *r)
 {
-    unsigned char source;
-    int id = take_identifier(&source);
-    if (id < 0)
-        return -1;
-    node->self->request->id = static_cast<uint8_t>(id);
-    node->self->source = source;
-    sign(node->self);
-    return 0;
+    rules = *r;
 }

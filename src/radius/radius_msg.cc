@@ -168,3 +168,56 @@ int verify_packet(const char *secret, AUTH_HDR *response, const AUTH_HDR *reques
         diff |= static_cast<unsigned char>(digest[i] ^ received[i]);
     return diff ? -1 : 0;
 }
+
+void hmac_md5(const unsigned char *key, size_t key_len, const unsigned char *data, size_t len,
+              unsigned char digest[16])
+{
+    // RFC 2104 with a 64-byte block; a longer key is hashed first.
+    unsigned char k[64];
+    memset(k, 0, sizeof k);
+    MD5_CTX ctx;
+    if (key_len > sizeof k) {
+        pra_MD5Init(&ctx);
+        pra_MD5Update(&ctx, key, static_cast<unsigned int>(key_len));
+        pra_MD5Final(k, &ctx);
+    } else if (key_len) {
+        memcpy(k, key, key_len);
+    }
+    unsigned char pad[64];
+    for (size_t i = 0; i < sizeof pad; i++)
+        pad[i] = k[i] ^ 0x36;
+    pra_MD5Init(&ctx);
+    pra_MD5Update(&ctx, pad, sizeof pad);
+    pra_MD5Update(&ctx, data, static_cast<unsigned int>(len));
+    unsigned char inner[16];
+    pra_MD5Final(inner, &ctx);
+    for (size_t i = 0; i < sizeof pad; i++)
+        pad[i] = k[i] ^ 0x5c;
+    pra_MD5Init(&ctx);
+    pra_MD5Update(&ctx, pad, sizeof pad);
+    pra_MD5Update(&ctx, inner, sizeof inner);
+    pra_MD5Final(digest, &ctx);
+}
+
+void status_server_msg(AUTH_HDR *req, uint8_t id, const unsigned char vector[16], const char *secret,
+                       const char *nas_id, struct in_addr nas_ip)
+{
+    memset(req, 0, sizeof *req);
+    req->code = RADIUS_CODE_STATUS_SERVER;
+    req->id = id;
+    req->length = htons(RADIUS_HDR_LEN);
+    memcpy(req->vector, vector, sizeof req->vector);
+    if (nas_id && nas_id[0])
+        radius_msg_add_attr(req, RADIUS_ATTR_NAS_IDENTIFIER,
+                            reinterpret_cast<const unsigned char *>(nas_id), strnlen(nas_id, RADIUS_ATTR_MAX_VALUE));
+    else
+        radius_msg_add_attr(req, RADIUS_ATTR_NAS_IP_ADDRESS, reinterpret_cast<const unsigned char *>(&nas_ip.s_addr), 4);
+    // RFC 5997: a Status-Server without a Message-Authenticator is dropped.
+    static const unsigned char zero[16] = {};
+    size_t at = packet_length(req) + 2;
+    radius_msg_add_attr(req, RADIUS_ATTR_MESSAGE_AUTHENTICATOR, zero, sizeof zero);
+    unsigned char mac[16];
+    hmac_md5(reinterpret_cast<const unsigned char *>(secret), strlen(secret), packet_bytes(req),
+             packet_length(req), mac);
+    memcpy(packet_bytes(req) + at, mac, sizeof mac);
+}

@@ -4,16 +4,28 @@
 #ifndef METERD_RADIUS_RADIUS_MSG_H
 #define METERD_RADIUS_RADIUS_MSG_H
 
+#include <netinet/in.h>
 #include <sys/types.h>
 #include <cstddef>
 #include <cstdint>
 
 #ifndef ACCOUNTING_VENDOR_ID
 #define ACCOUNTING_VENDOR_ID 32473  // RFC 5612 documentation number
+// HMAC-MD5 (RFC 2104) of data under key: 16 bytes to digest.
+void hmac_md5(const unsigned char *key, size_t key_len, const unsigned char *data, size_t len,
+              unsigned char digest[16]);
+// A Status-Server (RFC 5997) with Identifier id and Request Authenticator
+// vector, naming the NAS by nas_id or else nas_ip, signed by its
+// Message-Authenticator.
+void status_server_msg(AUTH_HDR *req, uint8_t id, const unsigned char vector[16], const char *secret,
+                       const char *nas_id, struct in_addr nas_ip);
+
 #endif
 
 enum {
     RADIUS_CODE_ACCOUNTING_REQUEST = 4,
+    RADIUS_CODE_ACCOUNTING_RESPONSE = 5,
+    RADIUS_CODE_STATUS_SERVER = 12,
     RADIUS_HDR_LEN = 20,
     RADIUS_DATA_LEN = 1024,
     RADIUS_BUF_LEN = RADIUS_HDR_LEN + RADIUS_DATA_LEN,  // 1044
@@ -33,6 +45,7 @@ enum {
     RADIUS_ATTR_CALLING_STATION_ID = 31,
     RADIUS_ATTR_NAS_IDENTIFIER = 32,
     RADIUS_ATTR_ACCT_STATUS_TYPE = 40,
+    RADIUS_ATTR_ACCT_DELAY_TIME = 41,
     RADIUS_ATTR_ACCT_INPUT_OCTETS = 42,
     RADIUS_ATTR_ACCT_OUTPUT_OCTETS = 43,
     RADIUS_ATTR_ACCT_SESSION_ID = 44,
@@ -43,6 +56,7 @@ enum {
     RADIUS_ATTR_ACCT_OUTPUT_GIGAWORDS = 53,
     RADIUS_ATTR_EVENT_TIMESTAMP = 55,
     RADIUS_ATTR_NAS_PORT_TYPE = 61,
+    RADIUS_ATTR_MESSAGE_AUTHENTICATOR = 80,
 };
 
 // A packet: at once the wire format and the buffer it is built in. Only the
@@ -87,5 +101,14 @@ void get_accounting_vector(AUTH_HDR *request, const char *secret);
 // response is a receive buffer of RADIUS_RECV_LEN bytes; its vector is
 // overwritten with the request's.
 int verify_packet(const char *secret, AUTH_HDR *response, const AUTH_HDR *request);
+
+// HMAC-MD5 (RFC 2104) of data under key: 16 bytes to digest.
+void hmac_md5(const unsigned char *key, size_t key_len, const unsigned char *data, size_t len,
+              unsigned char digest[16]);
+// A Status-Server (RFC 5997) with Identifier id and Request Authenticator
+// vector, naming the NAS by nas_id or else nas_ip, signed by its
+// Message-Authenticator.
+void status_server_msg(AUTH_HDR *req, uint8_t id, const unsigned char vector[16], const char *secret,
+                       const char *nas_id, struct in_addr nas_ip);
 
 #endif

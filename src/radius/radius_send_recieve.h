@@ -31,13 +31,15 @@ struct radius_client_ops {
     int (*address)(struct accounting_node *node, struct in_addr *ip);
     // The station's byte counters for an Interim-Update being composed.
     void (*counters)(struct accounting_node *node, conn_t *counters);
-    // The first Identifier from `from` on, wrapping, that no request in
-    // flight holds on the lowest socket below radius_source_limit that has
-    // one, *source set to that socket; -1 when all are held (unique
-    // Identifiers only).
-    int (*free_identifier)(uint8_t from, int *source);
+    // The Identifier of a new packet and its socket (*source), or -1 when
+    // none may be taken now.
+    int (*take_identifier)(unsigned char *source);
     // Delivery counters: calls each for every request waiting for its answer.
     void (*each_waiting)(void (*each)(const struct user_accounting_info *self));
+    // A datagram from `d` (nullptr: unknown sender) that answers no request:
+    // 1 if it was the answer to a probe of a dead server, which the owner
+    // then handles and counts, else 0. response is the receive buffer.
+    int (*probe_answer)(AUTH_HDR *response, const struct radius_datagram *d);
 };
 // Registered once, before any request is sent or any answer read.
 void radius_client_register(const struct radius_client_ops *ops);
@@ -59,8 +61,13 @@ using radius_sendto_fn = ssize_t (*)(int fd, const void *buf, size_t len,
                                      const struct sockaddr_in *to);
 extern radius_sendto_fn radius_sendto;
 
-// Opens and binds the socket: 0, or -1 with the message on stderr.
-int radius_init(void);
+// Opens and binds the socket: 0, or -1 with the message on stderr. With
+// several sources (unique Identifiers) the response thread waits on every
+// socket that radius_source_open opens.
+int radius_init(bool several_sources);
+// Sends a packet that no node holds (a probe) to server from socket
+// `source`: 0 if the datagram was handed to the system, -1 if not.
+int radius_send_packet(radius_server *server, int source, const AUTH_HDR *packet);
 // Sends node's stored request, composed first if it holds none, to the
 // server that node_server names, from the socket its Identifier belongs to. 0 if the datagram was handed to the
 // system, -1 if not.

@@ -17,6 +17,8 @@ void handle_response(AUTH_HDR *response, const struct radius_datagram *d)
     TRACE("Receive accounting response!! reponse id: %d\n", response->id);
     const struct radius_client_ops *owner = radius_client();
     struct accounting_node *node = owner->find(response->id, d ? d->source : 0);
+    if (!node && owner->probe_answer(response, d))
+        return;
     if (!node) {
         TRACE("Accounting Fail!! Response packet ID %d does not match the request packet\n",
               response->id);

@@ -17,7 +17,6 @@
 #include "database/nodes.h"
 #include "database/profiles.h"
 #include "frame/console.h"
-#include "frame/extensions.h"
 #include "radius/client_stats.h"
 #include "radius/compose.h"
 
@@ -74,7 +73,7 @@ int host2server(radius_server *server)
 
 radius_sendto_fn radius_sendto = system_sendto;
 
-int radius_init(void)
+int radius_init(bool several_sources)
 {
     sockfd = socket(AF_INET, SOCK_DGRAM, 0);
     if (bind_any(sockfd) < 0) {
@@ -84,7 +83,7 @@ int radius_init(void)
         return -1;
     }
     source_fds[0] = sockfd;
-    if (extension_on(EXT_UNIQUE_IDS)) {
+    if (several_sources) {
         readable = epoll_create1(EPOLL_CLOEXEC);
         if (readable < 0 || watch(0) < 0) {
             fprintf(stderr, "No open port we could bind to.\n");
@@ -141,13 +140,8 @@ int send_accounting(struct accounting_node *node, int status)
 
     if (!self->request) {
         TRACE("gen accounting msg.\n");
-        // -1: no memory; 1 (unique Identifiers): none free, so nothing
-        // leaves, and the unnumbered packet goes too, so that the next
-        // send composes and numbers it again.
-        int made = accounting_msg(node, status);
-        if (made == 1)
-            free_accounting_msg(self);
-        if (made != 0)
+        // -1: no memory; 1: no Identifier free, so nothing leaves.
+        if (accounting_msg(node, status) != 0)
             return -1;
         TRACE("request addr: %p\n", static_cast<void *>(self->request));
     }
@@ -162,12 +156,28 @@ int send_accounting(struct accounting_node *node, int status)
         sent = radius_sendto(self->source ? source_fds[self->source].load() : sockfd, request, length, &to);
     if (sent < 0) {
         int err = errno;
+        // Nowhere reached: its time-out is no server's.
+        self->sent_to = 0;
         TRACE("accounting send fail.\n");
         TRACE("%s\n", strerror(err));
         return -1;
     }
     client_stats_sent(self, &to);
     return 0;
+}
+
+int radius_send_packet(radius_server *server, int source, const AUTH_HDR *packet)
+{
+    host2server(server);
+    if (server->acct_ip.s_addr == htonl(INADDR_ANY))
+        return -1;
+    struct sockaddr_in to;
+    memset(&to, 0, sizeof to);
+    to.sin_family = AF_INET;
+    to.sin_addr = server->acct_ip;
+    to.sin_port = htons(static_cast<uint16_t>(server->acct_port));
+    int fd = source > 0 && source < RADIUS_SOURCES ? source_fds[source].load() : sockfd;
+    return radius_sendto(fd, packet, ntohs(packet->length), &to) < 0 ? -1 : 0;
 }
 
 int radius_recv(AUTH_HDR *response, struct radius_datagram *d)

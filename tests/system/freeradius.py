@@ -3,10 +3,12 @@ configuration of its own (one client, 127.0.0.1), started in the foreground, eve
 request it accepts written by its accounting modules. The detail module is always there, as the
 record that the tests read. Further modules come in as stanzas of `modules` and names in
 `accounting`. `sql=True` adds the package's own SQL accounting into SQLite: its rlm_sql stanza,
-schema and queries as installed, the radacct table in self.dir/radacct.db."""
+schema and queries as installed, the radacct table in self.dir/radacct.db. `tls=Certs(...)` adds a
+TLS listener on TCP port 2083 beside the UDP one, modelled on the package's sites-available/tls."""
 import os
 import re
 import sqlite3
+import subprocess
 
 import harness
 
@@ -20,6 +22,7 @@ modules {{
 }}
 server default {{
 	listen {{ type = acct, ipaddr = 127.0.0.1, port = {port} }}
+{tls_listen}
 {preacct}
 	accounting {{
 {accounting}
@@ -30,12 +33,84 @@ STOCK = '/etc/freeradius/3.0'
 # What the stock sql module needs of the stock radiusd.conf: where its queries and schema are, the
 # thread pool that sizes its connection pool (FreeRADIUS's own defaults), and the policy that gives
 # each session the Acct-Unique-Session-Id that its radacct row is keyed on.
+_THREADS = 'thread pool { start_servers = 5, max_servers = 32, min_spare_servers = 3, max_spare_servers = 10 }'
 _SQL_HEAD = '''modconfdir = %s/mods-config
-thread pool { start_servers = 5, max_servers = 32, min_spare_servers = 3, max_spare_servers = 10 }
+%s
 policy {
 $INCLUDE %s/policy.d/accounting
-}''' % (STOCK, STOCK)
+}''' % (STOCK, _THREADS, STOCK)
 _SQL_PREACCT = '\tpreacct {\n\t\tacct_unique\n\t}'
+# The stock TLS site's listener and client, for accounting alone: our certificate, key and CA, the
+# client's certificate required. A TLS listener refuses to start without the thread pool. Its 1.2 by default is the most FreeRADIUS 3.2 offers unless
+# tls_max_version says 1.3. Any address, so that a test may connect to another one than the
+# certificate names; the client is still the one at 127.0.0.1.
+_TLS_HEAD = '''security { status_server = yes }
+clients radsec {
+	client meterd-tls { ipaddr = 127.0.0.1, proto = tls, secret = %s }
+}'''
+_TLS_LISTEN = '''	listen {
+		type = acct
+		ipaddr = *
+		port = %d
+		proto = tcp
+		clients = radsec
+		limit { max_connections = 16, lifetime = 0, idle_timeout = 30 }
+		tls {
+			certificate_file = %s
+			private_key_file = %s
+			ca_file = %s
+			require_client_cert = yes
+			tls_min_version = "1.2"
+			tls_max_version = "1.3"
+		}
+	}'''
+
+
+class Certs:
+    """The certificates of the TLS tests, made with the openssl command in `dir`: a CA; signed by it
+    the server's (subjectAltName IP:127.0.0.1 and DNS radius.test), an expired one with the same
+    names, and the client's; and from a CA that nobody trusts, a server's and a client's with the same
+    names. self.pair(name) is its certificate and key file; the keys are readable by root alone."""
+    SERVER_NAMES = 'IP:127.0.0.1,DNS:radius.test'
+
+    def __init__(self, dir):
+        self.dir = dir
+        os.makedirs(dir, exist_ok=True)
+        self._ca('ca')
+        self._ca('rogue-ca')
+        self._signed('server', 'ca', self.SERVER_NAMES)
+        # Valid for ten days that ended twenty days ago.
+        self._signed('expired', 'ca', self.SERVER_NAMES, faketime='-30d', days=10)
+        self._signed('client', 'ca', 'DNS:ap.test')
+        self._signed('rogue', 'rogue-ca', self.SERVER_NAMES)
+        self._signed('rogue-client', 'rogue-ca', 'DNS:ap.test')
+
+    def pair(self, name):
+        return '%s/%s.pem' % (self.dir, name), '%s/%s.key' % (self.dir, name)
+
+    def _openssl(self, *args, faketime=None):
+        argv = ['openssl'] + list(args)
+        subprocess.run((['faketime', '-f', faketime] if faketime else []) + argv, check=True,
+                       capture_output=True, cwd=self.dir)
+
+    def _key(self, name):
+        # P-256: quick to make, and what a device's own key would be.
+        self._openssl('genpkey', '-algorithm', 'EC', '-pkeyopt', 'ec_paramgen_curve:P-256', '-out', name + '.key')
+        os.chmod(self.pair(name)[1], 0o600)
+
+    def _ca(self, name):
+        self._key(name)
+        self._openssl('req', '-x509', '-new', '-key', name + '.key', '-out', name + '.pem', '-days', '30',
+                      '-subj', '/O=meterd tests/CN=%s' % name)
+
+    def _signed(self, name, ca, names, faketime=None, days=30):
+        self._key(name)
+        self._openssl('req', '-new', '-key', name + '.key', '-out', name + '.csr', '-subj', '/CN=%s' % name)
+        with open(os.path.join(self.dir, name + '.ext'), 'w') as f:
+            f.write('subjectAltName = %s\nextendedKeyUsage = serverAuth, clientAuth\n' % names)
+        self._openssl('x509', '-req', '-in', name + '.csr', '-CA', ca + '.pem', '-CAkey', ca + '.key',
+                      '-CAcreateserial', '-days', str(days), '-extfile', name + '.ext', '-out', name + '.pem',
+                      faketime=faketime)
 
 
 def _sql_module():
@@ -52,8 +127,11 @@ class FreeRadius:
     module to its configuration, in which {dir} stands for self.dir; `accounting` names the modules
     that record each request, in order."""
 
-    def __init__(self, secret, port=1813, modules=None, accounting=('detail',), sql=False):
+    def __init__(self, secret, port=1813, modules=None, accounting=('detail',), sql=False, tls=None,
+                 tls_cert='server', tls_port=2083, tls_secret='radsec'):
+        # tls: a Certs; the listener shows its certificate `tls_cert` and trusts the CA 'ca'.
         self.secret, self.port, self.dir, self.sql = secret, port, '/tmp/freeradius-%d' % port, sql
+        self.tls, self.tls_cert, self.tls_port, self.tls_secret = tls, tls_cert, tls_port, tls_secret
         self.modules = dict(detail='detail { filename = {dir}/detail }', **(modules or {}))
         self.accounting = tuple(accounting)
         if sql:  # ahead of detail: a test that has waited for a record finds its row
@@ -62,8 +140,14 @@ class FreeRadius:
         self.log_path, self.proc = self.dir + '/log', None
 
     def config(self):
+        head = [_SQL_HEAD] if self.sql else []
+        tls_listen = ''
+        if self.tls:
+            head += [] if self.sql else [_THREADS]
+            head.append(_TLS_HEAD % self.tls_secret)
+            tls_listen = _TLS_LISTEN % ((self.tls_port,) + self.tls.pair(self.tls_cert) + (self.tls.pair('ca')[0],))
         return _RADIUSD_CONF.format(
-            secret=self.secret, port=self.port, head=_SQL_HEAD if self.sql else '',
+            secret=self.secret, port=self.port, head='\n'.join(head), tls_listen=tls_listen,
             preacct=_SQL_PREACCT if self.sql else '',
             modules='\n'.join('\t' + text.replace('{dir}', self.dir) for text in self.modules.values()),
             accounting='\n'.join('\t\t' + name for name in self.accounting))
@@ -72,7 +156,10 @@ class FreeRadius:
         os.makedirs(self.dir, exist_ok=True)
         with open(os.path.join(self.dir, 'radiusd.conf'), 'w') as f:
             f.write(self.config())
-        harness._spawn(self, ['freeradius', '-f', '-d', self.dir, '-l', '/dev/stderr'], self.log_path,
+        # A TLS listener needs threads, which -X turns off: its debugging
+        # comes with -xx instead, for the log of a failing test.
+        debug = ['-xx'] if self.tls else []
+        harness._spawn(self, ['freeradius', '-f'] + debug + ['-d', self.dir, '-l', '/dev/stderr'], self.log_path,
                        lambda: 'Ready to process' in harness.read_file(self.log_path))
 
     def stop(self):

@@ -30,6 +30,10 @@ BUILD_FD = os.open(BUILD_DIR, os.O_PATH)
 # What follows the header of the Accounting-On and -Off of a profile without a NAS address.
 ON_TAIL = bytes.fromhex('280600000007 2D0600000001 04067F000001 050600000000 3D060000000F 31060000000B')
 OFF_TAIL = bytes.fromhex('280600000008 2D0600000001 04067F000001 050600000000 3D060000000F 310600000006')
+# Extended mode closes every packet with Acct-Delay-Time, 0 for a packet sent at its event.
+DELAY_TAIL = bytes.fromhex('290600000000')
+if EXTENDED:
+    ON_TAIL, OFF_TAIL = ON_TAIL + DELAY_TAIL, OFF_TAIL + DELAY_TAIL
 
 
 def _sh(*argv):
@@ -183,11 +187,14 @@ class Peer(threading.Thread):
     # action per datagram received, `default` applies after it: the Code of an answer
     # without attributes, 'drop', 'wrong' (an Accounting-Response signed with a wrong
     # secret), 'twice' (the same answer two times) or 'late' (answered only once the next
-    # copy has come). `received` holds (monotonic time, datagram) pairs.
+    # copy has come). `received` holds (monotonic time, datagram) pairs. Status-Server probes
+    # (meterd -k) go to `probes` instead, each answered as `probe_answer` says: True, False
+    # (dropped), or a function of the probe that returns the datagram to send.
 
-    def __init__(self, secret, ip='127.0.0.1', port=0, plan=(), default=5):
+    def __init__(self, secret, ip='127.0.0.1', port=0, plan=(), default=5, probe_answer=False):
         super().__init__(daemon=True)
         self.secret, self.plan, self.default, self.received, self.held = secret, list(plan), default, [], None
+        self.probes, self.probe_answer = [], probe_answer
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.sock.bind((ip, port))
         self.ip, self.port = self.sock.getsockname()
@@ -198,6 +205,13 @@ class Peer(threading.Thread):
                 data, source = self.sock.recvfrom(4096)
             except OSError:
                 return
+            if data[:1] == b'\x0c':
+                self.probes.append((time.monotonic(), data))
+                answer = self.probe_answer(data) if callable(self.probe_answer) else \
+                    self.probe_answer and self.answer(5, data)
+                if answer:
+                    self.sock.sendto(answer, source)
+                continue
             self.received.append((time.monotonic(), data))
             action = self.plan.pop(0) if self.plan else self.default
             if self.held:  # the late answer, to the copy before: it comes after this one

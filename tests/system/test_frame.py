@@ -1,16 +1,32 @@
 #!/usr/bin/python3
 """The daemon frame seen from outside: start-up, options, console, control channel, dump."""
 import os
+import pathlib
 import re
 import socket
+import stat
 import struct
+import subprocess
+import sys
 
 import harness
-from harness import CONTROL_SOCK, Meterd, _sh
-from records import EV_DEBUG_OFF, EV_DEBUG_ON, EV_INIT, EV_REMOVE, event, ev_init
+from harness import CONTROL_SOCK, DUMP_FILE, Meterd, _sh
+from records import EV_DEBUG_OFF, EV_DEBUG_ON, EV_DUMP, EV_INIT, EV_REMOVE, event, ev_init
 
 EMPTY_DUMP = r'scheduler: \n\nrequest queue: 0x[0-9a-f]+\n\nfail queue: 0x[0-9a-f]+\n'
 SECRET = 'testing123'
+SOCKETS = (CONTROL_SOCK, '/tmp/accounting_portal.sock', '/tmp/accounting_recv_radius.sock',
+           '/tmp/accounting_recv_wireless_hal.sock')
+NOBODY = ['setpriv', '--reuid=65534', '--regid=65534', '--clear-groups']
+# Sends argv[1] (hex) to each later argument; prints, for each, "sent" or the errno's name.
+SEND = """import errno, socket, sys
+for path in sys.argv[2:]:
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
+        try:
+            s.sendto(bytes.fromhex(sys.argv[1]), path)
+            print('sent')
+        except OSError as e:
+            print(errno.errorcode[e.errno])"""
 SYSLOG = re.compile(r'<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d (\S+?): (.*)', re.S)  # <PRI>, time, "ident[pid]: ", text
 
 
@@ -58,6 +74,55 @@ class Frame(harness.SystemTest):
         daemon.send(event(EV_REMOVE, 'wlan-1-1')[:72])
         daemon.send(profile('wlan-1-2') + b'\xff' * 200)
         self.assertEqual([d[20:] for d in peer.wait(3)], [harness.ON_TAIL, harness.OFF_TAIL, harness.ON_TAIL])
+
+    def test_closed_to_other_users(self):
+        # Started with umask 000, in cloud mode for all four sockets: each is root's alone, and
+        # another user's datagram (one that would turn debugging on) is refused by the kernel.
+        harness.hybrid_mode('5')
+        umask = os.umask(0)
+        try:
+            daemon = self.start(Meterd())
+        finally:
+            os.umask(umask)
+        harness._poll(lambda: all(map(harness._bound, SOCKETS)), 5, lambda: 'not all of %s bound' % (SOCKETS,))
+        self.assertEqual([stat.S_IMODE(os.stat(p).st_mode) for p in SOCKETS], [0o600] * 4)
+        sent = subprocess.run(NOBODY + [sys.executable, '-I', '-c', SEND, event(EV_DEBUG_ON).hex(), *SOCKETS],
+                              capture_output=True, text=True, timeout=30)
+        self.assertEqual(sent.stdout, 'EACCES\n' * 4, sent.stderr)
+        # Names planted where the dump goes: each refused with one console line and without the
+        # console copy, the file behind untouched.
+        victim = pathlib.Path('/tmp/victim')
+        seen = lambda p: (p.read_bytes(), os.lstat(p).st_mode, os.lstat(p).st_uid)
+        for name, plant in (('symbolic link', lambda: os.symlink(victim, DUMP_FILE)),
+                            ('hard link', lambda: os.link(victim, DUMP_FILE)),
+                            ("another user's file", lambda: (os.chown(victim, 65534, 65534),
+                                                             os.rename(victim, DUMP_FILE))),
+                            ('FIFO without reader', lambda: os.mkfifo(DUMP_FILE))):
+            for path in (victim, DUMP_FILE):  # what the case before left
+                if os.path.lexists(path):
+                    os.unlink(path)
+            with self.subTest(name):
+                victim.write_text('precious\n')
+                victim.chmod(0o644)
+                plant()
+                guarded = victim if victim.exists() else pathlib.Path(DUMP_FILE)
+                before, mark = seen(guarded) if 'FIFO' not in name else None, len(self.console.text)
+                daemon.send(event(EV_DUMP))
+                self.console.wait_for('meterd: refusing to write /tmp/meterd_db: ', mark)
+                if before:
+                    self.assertEqual(seen(guarded), before)
+        # Our own file of an earlier dump, readable by all, is reused and closed to others.
+        os.unlink(DUMP_FILE)
+        pathlib.Path(DUMP_FILE).write_text('stale\n')
+        os.chmod(DUMP_FILE, 0o644)
+        daemon.send(event(EV_DUMP))
+        dump = harness._poll(lambda: (lambda t: t.endswith('radius: \n') and t)(harness.read_file(DUMP_FILE)), 5,
+                             lambda: 'no dump: %r' % harness.read_file(DUMP_FILE))
+        self.assertRegex(dump, '^' + EMPTY_DUMP + r'\nradius: \n$')
+        self.assertEqual(stat.S_IMODE(os.stat(DUMP_FILE).st_mode), 0o600)
+        self.wait_console(dump.replace('\nradius: \n', ''))  # the console's reader may lag behind the file
+        self.assertRegex(self.console.text[self.mark:], r'^(meterd: refusing to write /tmp/meterd_db: [^\n]+\n){4}' +
+                         re.escape(dump.replace('\nradius: \n', '')) + '$')
 
     def test_console_to_syslog(self):
         # -s: each console message goes to syslog (at /dev/log) as one message of facility daemon,

@@ -140,11 +140,16 @@ class Stats(harness.SystemTest):
 
     def test_extensions_on_a_daemon_without_servers(self):
         self.start(Meterd(['-g', '-c']))
-        on = dict.fromkeys(('gigawords', 'unique_ids', 'retry_per_request', 'steady_counters'), harness.EXTENDED)
+        on = dict.fromkeys(('gigawords', 'unique_ids', 'retry_per_request', 'steady_counters', 'keep_records'),
+                           harness.EXTENDED)
         on.update(gigawords=True, steady_counters=True)
-        self.assertEqual(self.stats(), {'extensions': on, 'servers': []})
+        stats = {'extensions': on, 'servers': []}
+        if harness.EXTENDED:
+            stats.update(states=[], backlog={'length': 0, 'oldest_age': 0})
+        self.assertEqual(self.stats(), stats)
         names = ', '.join(name for name, value in on.items() if value)
-        self.assertEqual(meterctl('stats').stdout, 'extensions: %s\n\nno request sent yet\n' % names)
+        backlog = '\nbacklog: 0 requests, the oldest 0 s old\n' if harness.EXTENDED else ''
+        self.assertEqual(meterctl('stats').stdout, 'extensions: %s\n\nno request sent yet\n%s' % (names, backlog))
 
     def test_nobody_answers(self):
         # A reader that never answers, then nobody at all: one line each, and status 1.

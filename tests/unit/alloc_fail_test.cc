@@ -11,7 +11,7 @@
 #include "events/portal_events.h"
 #include "events/station_events.h"
 #include "events/uam_events.h"
-#include "frame/control.h"
+#include "daemon/control.h"
 #include "frame/memory.h"
 #include "sim_env.h"
 #include "test_support.h"

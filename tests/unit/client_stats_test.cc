@@ -6,7 +6,7 @@
 #include <string>
 
 #include "delivery/scheduler.h"
-#include "frame/control.h"
+#include "daemon/control.h"
 #include "radius/compose.h"
 #include "radius/client_stats.h"
 #include "radius/radius_send_recieve.h"
@@ -74,7 +74,7 @@ TEST_F(ClientStats, ServersBeyondTheTableShareOneRow)
     EXPECT_NE(std::string(text).find("\nserver other 0 requests 2 "), std::string::npos);
     // A report cut short is still a text.
     EXPECT_EQ(client_stats_report(text, 16), 15u);
-    EXPECT_STREQ(text, "extensions giga");
+    EXPECT_STREQ(text, "server 10.0.0.1");
 }
 
 }  // namespace

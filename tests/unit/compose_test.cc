@@ -12,6 +12,7 @@
 
 #include "database/nodes.h"
 #include "frame/memory.h"
+#include "delivery/identifiers.h"
 #include "radius/compose.h"
 #include "radius/radius_msg.h"
 #include "sim_env.h"

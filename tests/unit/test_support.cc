@@ -10,7 +10,8 @@
 #include "delivery/transaction.h"
 #include "frame/clock.h"
 #include "frame/console.h"
-#include "frame/extensions.h"
+#include "delivery/identifiers.h"
+#include "delivery/policy.h"
 #include "radius/radius_msg.h"
 #include "radius/radius_send_recieve.h"
 
@@ -47,7 +48,8 @@ void DbTest::SetUp()
 void DbTest::TearDown()
 {
     clear_database();
-    extensions = 0;
+    policy_choose(0);
+    identifiers_clear();
     radius_source_limit = RADIUS_SOURCES;
     is_cloud = 0;
     debug = 0;

@@ -1,8 +1,14 @@
-// The database dump: /tmp/meterd_db, and each of its lines on the console.
-#include "frame/db_dump.h"
+// The database dump: /tmp/meterd_db, mode 0600, and each of its lines on the console.
+#include "daemon/db_dump.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 #include "database/accounting.h"
 #include "frame/console.h"
@@ -39,11 +45,47 @@ void dump_nodes(FILE *fp, struct list_head *head)
     }
 }
 
+// The dump's name is fixed and /tmp is everyone's: whatever a local user
+// planted there must not make root truncate or write another file, nor may
+// the queues (user names, addresses) be readable by others. Not following a
+// link, and taking an existing file only when it is a plain file of ours
+// with no other name, settles that on the descriptor itself, so nothing can
+// be swapped in between the check and the write. O_NONBLOCK keeps a planted
+// FIFO from holding the daemon, lock and all, in open(). NULL after one
+// console line that says why.
+FILE *open_dump(void)
+{
+    const char *why = nullptr;
+    int fd = open(METERD_DB_DUMP, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+    struct stat st;
+    if (fd < 0 || fstat(fd, &st) != 0)
+        why = strerror(errno);
+    else if (!S_ISREG(st.st_mode) || st.st_nlink != 1 || st.st_uid != geteuid())
+        why = "not a regular file of ours with a single link";
+    // An existing file keeps its mode through open(): it may be one that
+    // an earlier version left readable by all.
+    else if (fchmod(fd, 0600) != 0 || ftruncate(fd, 0) != 0)
+        why = strerror(errno);
+    FILE *fp = why ? nullptr : fdopen(fd, "w");
+    if (!why && !fp)
+        why = strerror(errno);
+    if (why) {
+        if (fd >= 0)
+            close(fd);
+        console_write("meterd: refusing to write %s: %s\n", METERD_DB_DUMP, why);
+    }
+    return fp;
+}
+
 }  // namespace
 
 int debug_print_db_info(void)
 {
-    FILE *fp = fopen(METERD_DB_DUMP, "w");
+    // Without the file the console copy stays unwritten too, as it always
+    // has when the file could not be made: the copy echoes the file, it is
+    // not a report of its own, and after a planted name the operator wants
+    // the one line that points at it, not a screen of queues around it.
+    FILE *fp = open_dump();
     if (!fp)
         return 0;
     dump_line(fp, true, "scheduler: \n");

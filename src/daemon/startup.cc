@@ -4,15 +4,16 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "daemon/control.h"
+#include "daemon/startup.h"
 #include "database/portal_users.h"
+#include "delivery/policy.h"
 #include "delivery/scheduler.h"
 #include "delivery/transaction.h"
 #include "events/portal_events.h"
 #include "events/station_events.h"
 #include "events/uam_events.h"
 #include "frame/console.h"
-#include "frame/control.h"
-#include "frame/extensions.h"
 #include "frame/meterd.h"
 #include "platform/platform.h"
 #include "radius/radius_send_recieve.h"
@@ -56,6 +57,7 @@ const option_entry option_table[] = {
     {'i', nullptr, EXT_UNIQUE_IDS},
     {'r', nullptr, EXT_RETRY_PER_REQUEST},
     {'c', nullptr, EXT_STEADY_COUNTERS},
+    {'k', nullptr, EXT_KEEP_RECORDS},
 };
 
 const size_t option_count = sizeof option_table / sizeof option_table[0];
@@ -73,6 +75,7 @@ int meterd_main(int argc, char **argv)
     char letters[option_count + 1] = {};
     for (size_t i = 0; i < option_count; i++)
         letters[i] = option_table[i].letter;
+    unsigned extensions = 0;
     int opt;
     while ((opt = getopt(argc, argv, letters)) != -1)
         for (const option_entry &o : option_table) {
@@ -85,7 +88,9 @@ int meterd_main(int argc, char **argv)
     if (debug.load(std::memory_order_relaxed))
         fprintf(stderr, "meterd enters debugging mode...\n");
 
-    if (radius_init() == -1) {
+    policy_choose(extensions);
+
+    if (radius_init(policy->unique_ids) == -1) {
         fprintf(stderr, "meter-daemon init failed!(radius socket init fail)\n");
         fprintf(stderr, "Meter-Daemon is finished\n");
         return -1;

@@ -1,7 +1,7 @@
 // The control channel (/tmp/accounting.sock): profile, server and debugging
 // events from the device's command shell.
-#ifndef METERD_FRAME_CONTROL_H
-#define METERD_FRAME_CONTROL_H
+#ifndef METERD_DAEMON_CONTROL_H
+#define METERD_DAEMON_CONTROL_H
 
 #include <cstddef>
 

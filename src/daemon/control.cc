@@ -1,11 +1,13 @@
 // The control channel, /tmp/accounting.sock.
-#include "frame/control.h"
+#include "daemon/control.h"
 
 #include <cstring>
 
+#include "daemon/db_dump.h"
+#include "delivery/policy.h"
+#include "delivery/servers.h"
 #include "events/profile_events.h"
 #include "frame/console.h"
-#include "frame/db_dump.h"
 #include "frame/domain_socket.h"
 #include "frame/meterd.h"
 #include "radius/client_stats.h"
@@ -18,7 +20,11 @@ namespace {
 void delivery_stats(const struct domain_socket_peer *to)
 {
     char text[CLIENT_STATS_TEXT];
-    size_t n = client_stats_report(text, sizeof text);
+    size_t n = policy_report(text, sizeof text - 1);
+    text[n++] = '\n';
+    n += client_stats_report(text + n, sizeof text - n);
+    if (policy->keep_records)
+        n += servers_report(text + n, sizeof text - n);
     if (to)
         domain_socket_reply(to, text, n);
 }

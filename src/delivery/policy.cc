@@ -1,0 +1,100 @@
+// The design's rules and the extended ones, chosen once.
+#include "delivery/policy.h"
+
+#include <cstdio>
+
+#include "platform/station_lookups.h"
+#include "platform/station_probe.h"
+#include "radius/compose.h"
+#include "radius/radius_send_recieve.h"
+
+namespace {
+
+// The design: the look-up's reading replaces what was stored, zeros and
+// all; the driver's replaces it only when both counters are there, since a
+// pair with a zero is a driver that has not counted yet.
+bool design_counters(struct user_accounting_info *self, const conn_t *seen, bool looked_up)
+{
+    if (!looked_up && (seen->rx == 0 || seen->tx == 0))
+        return false;
+    self->conn_tx_rx_status = *seen;
+    return true;
+}
+
+// One rule for every reading: a pair with a zero is no reading; a counter
+// lower than the device's last reading was reset (a driver restart, the
+// station back on another radio), so what was counted before the reset
+// stays in the session's total and the new count adds to it.
+void steady_direction(uint64_t *total, uint64_t *base, uint64_t *last, uint64_t seen)
+{
+    if (seen < *last)
+        *base += *last;
+    *last = seen;
+    *total = *base + seen;
+}
+
+bool steady_counters(struct user_accounting_info *self, const conn_t *seen, bool)
+{
+    if (seen->rx == 0 || seen->tx == 0)
+        return false;
+    steady_direction(&self->conn_tx_rx_status.rx, &self->conn_base.rx, &self->conn_seen.rx, seen->rx);
+    steady_direction(&self->conn_tx_rx_status.tx, &self->conn_base.tx, &self->conn_seen.tx, seen->tx);
+    return true;
+}
+
+struct delivery_policy chosen = {0, counter_from_text, design_counters, false, false, false, false};
+
+struct option_name {
+    unsigned bit;
+    const char *name;
+};
+constexpr option_name option_names[] = {
+    {EXT_GIGAWORDS, "gigawords"},
+    {EXT_UNIQUE_IDS, "unique_ids"},
+    {EXT_RETRY_PER_REQUEST, "retry_per_request"},
+    {EXT_STEADY_COUNTERS, "steady_counters"},
+    {EXT_KEEP_RECORDS, "keep_records"},
+};
+constexpr unsigned named_options()
+{
+    unsigned all = 0;
+    for (const option_name &o : option_names)
+        all |= o.bit;
+    return all;
+}
+static_assert(named_options() == EXT_ALL, "every option needs its name in the report");
+
+}  // namespace
+
+const struct delivery_policy *policy = &chosen;
+
+void policy_choose(unsigned options)
+{
+    bool keep = options & EXT_KEEP_RECORDS;
+    chosen.options = options;
+    chosen.read_counter = options & (EXT_GIGAWORDS | EXT_STEADY_COUNTERS) ? read_counter64 : counter_from_text;
+    chosen.take_counters = options & EXT_STEADY_COUNTERS ? steady_counters : design_counters;
+    chosen.keep_address = options & EXT_STEADY_COUNTERS;
+    // Keeping records needs both: a dead server is told by a request's
+    // whole budget, and a probe's Identifier must meet no request's.
+    chosen.budget_per_request = keep || (options & EXT_RETRY_PER_REQUEST);
+    chosen.unique_ids = keep || (options & EXT_UNIQUE_IDS);
+    chosen.keep_records = keep;
+    struct compose_rules rules = {(options & EXT_GIGAWORDS) != 0, keep};
+    compose_configure(&rules);
+}
+
+size_t policy_report(char *out, size_t size)
+{
+    size_t n = 0;
+    int k = snprintf(out, size, "extensions");
+    for (const option_name &o : option_names) {
+        if (k < 0 || static_cast<size_t>(k) >= size - n)
+            break;
+        n += static_cast<size_t>(k);
+        k = snprintf(out + n, size - n, " %s %d", o.name, (chosen.options & o.bit) ? 1 : 0);
+    }
+    if (k > 0 && static_cast<size_t>(k) < size - n)
+        n += static_cast<size_t>(k);
+    return n;
+}

@@ -1,3 +1,0 @@
-#include "frame/extensions.h"
-
-unsigned extensions = 0;

@@ -1,0 +1,80 @@
+#!/usr/bin/python3
+"""RADIUS over TLS with the building blocks alone (the -T file, the TLS seam, the stream reader, the
+packet functions, through build/tls_probe) against FreeRADIUS's own TLS listener: accounting
+answered and recorded, and each refusal told apart, with nothing reaching the server."""
+import socket
+import threading
+
+import harness
+from freeradius import Certs, FreeRadius
+
+probe = harness.tool('tls_probe', check=False)
+
+
+class Tls(harness.SystemTest):
+
+    def setUp(self):
+        super().setUp()
+        self.certs = Certs('/tmp/certs')  # in the test's own /tmp
+
+    def probe(self, address='127.0.0.1', count=1, client='client', **keys):
+        # The probe's line for a -T file with our client pair, the CA and `keys`.
+        cert, key = self.certs.pair(client)
+        lines = dict(ca_file=self.certs.pair('ca')[0], certificate_file=cert, private_key_file=key, **keys)
+        with open('/tmp/meterd-tls.conf', 'w') as f:
+            f.write(''.join('%s = %s\n' % kv for kv in lines.items()))
+        result = probe('/tmp/meterd-tls.conf', address, count)
+        self.assertEqual(result.stderr, "")
+        return result.stdout.strip()
+
+    def test_accounting_answered_and_recorded(self):
+        server = self.start(FreeRadius('testing123', tls=self.certs))
+        # The address in the certificate, then its DNS name; each packet in a record of its own,
+        # also 50 back to back: FreeRADIUS closes a connection where two share one.
+        self.assertRegex(self.probe(), r'^ok TLSv1\.3 TLS_\S+ answered 1$')
+        self.assertRegex(self.probe(server_name='radius.test', count=50), r'^ok TLSv1\.3 \S+ answered 50$')
+        records = server.wait_records(51)
+        self.assertEqual([(r['User-Name'], r['Acct-Session-Id']) for r in records[:2]],
+                         [('probe-0', 'tls-probe-0'), ('probe-0', 'tls-probe-0')])
+        self.assertEqual(records[-1]['User-Name'], 'probe-49')
+        # A wrong secret inside TLS: FreeRADIUS drops what it cannot verify.
+        self.assertEqual(self.probe(secret='not-radsec'), 'no answer: 0 of 1 answered')
+
+    def test_each_refusal_is_told_apart_and_nothing_is_recorded(self):
+        cases = [
+            # (the server's certificate, probe arguments, the line)
+            ('rogue', {}, 'certificate refused: unable to get local issuer certificate'),
+            ('expired', {}, 'certificate refused: certificate has expired'),
+            ('server', dict(server_name='other.test'), 'certificate refused: hostname mismatch'),
+            ('server', dict(address='127.0.0.2'), 'certificate refused: IP address mismatch'),
+            ('server', dict(client='rogue-client'), 'refused by the server: closed after asking for our certificate'),
+        ]
+        for cert, args, line in cases:
+            with self.subTest(cert=cert, **args):
+                server = FreeRadius('testing123', tls=self.certs, tls_cert=cert)
+                self.start(server)
+                got = self.probe(**args)
+                server.stop()
+                self.assertEqual(got, line)
+                self.assertEqual(server.records(), [])
+
+    def test_a_listener_that_does_not_speak_tls(self):
+        # One that answers in plain text, one that hangs up, one that never answers.
+        for reply, line in ((b'HTTP/1.0 400 Bad Request\r\n\r\n', 'failed: wrong version number'),
+                            (b'', 'failed: connection closed'),
+                            (None, 'timed out: handshake timed out')):
+            with self.subTest(line=line), socket.create_server(('127.0.0.1', 2083)) as listener:
+                def serve():
+                    conn, _ = listener.accept()
+                    self.addCleanup(conn.close)  # held open by the one that never answers
+                    conn.recv(4096)
+                    if reply is not None:
+                        conn.sendall(reply)
+                        conn.close()
+                threading.Thread(target=serve, daemon=True).start()
+                got = self.probe()
+                self.assertEqual(got, line)
+
+
+if __name__ == '__main__':
+    harness.main()
