@@ -1,34 +1,14 @@
 // The design's rules and the extended ones, chosen once.
 #include "delivery/policy.h"
 
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 
 #include "platform/station_lookups.h"
+#include "platform/station_probe.h"
 #include "radius/compose.h"
 #include "radius/radius_send_recieve.h"
 
 namespace {
-
-// The whole text is one unsigned 64-bit number (blanks around it allowed),
-// or the counter is unknown (0).
-uint64_t read_u64(const char *text)
-{
-    const char *p = text;
-    while (*p == ' ' || *p == '\t')
-        p++;
-    if (*p < '0' || *p > '9')
-        return 0;
-    char *end = nullptr;
-    errno = 0;
-    unsigned long long v = strtoull(p, &end, 10);
-    if (errno == ERANGE)
-        return 0;
-    while (*end == ' ' || *end == '\t' || *end == '\n' || *end == '\r')
-        end++;
-    return *end ? 0 : static_cast<uint64_t>(v);
-}
 
 // The design: the look-up's reading replaces what was stored, zeros and
 // all; the driver's replaces it only when both counters are there, since a
@@ -92,7 +72,7 @@ void policy_choose(unsigned options)
 {
     bool keep = options & EXT_KEEP_RECORDS;
     chosen.options = options;
-    chosen.read_counter = options & (EXT_GIGAWORDS | EXT_STEADY_COUNTERS) ? read_u64 : counter_from_text;
+    chosen.read_counter = options & (EXT_GIGAWORDS | EXT_STEADY_COUNTERS) ? read_counter64 : counter_from_text;
     chosen.take_counters = options & EXT_STEADY_COUNTERS ? steady_counters : design_counters;
     chosen.keep_address = options & EXT_STEADY_COUNTERS;
     // Keeping records needs both: a dead server is told by a request's

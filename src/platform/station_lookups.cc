@@ -12,25 +12,12 @@
 
 #include "frame/console.h"
 #include "platform/platform.h"
+#include "platform/station_probe.h"
 
 namespace {
 
 // The module of the lookup in progress; nothing survives between lookups.
 parser_module *module = nullptr;
-
-// The MAC is pasted into a shell command line: anything but the characters
-// of a MAC text would be interpreted by the shell.
-bool shell_safe_mac(const char *mac)
-{
-    for (const char *p = mac; *p; p++) {
-        char c = *p;
-        bool ok = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-                  c == '-' || c == ':';
-        if (!ok)
-            return false;
-    }
-    return true;
-}
 
 }  // namespace
 

@@ -4,6 +4,9 @@
 
 #include <linux/netlink.h>
 
+#include <time.h>
+#include <unistd.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -46,9 +49,15 @@ void sim_close_sock(void *, int) {}
 
 // Answers "dbctl -t STA_STATISTIC-<device mac> -k <station mac> -g RX|TX"
 // from the stations file; anything it cannot answer is "N/A", as the
-// device's database says.
+// device's database says. Does not answer while root/dbcmd_hang exists.
 int sim_gen_cmd(void *, char *result, ...)
 {
+    char hang[160];
+    snprintf(hang, sizeof hang, "%s/dbcmd_hang", sim_root.c_str());
+    const struct timespec tick = {0, 20000000};
+    while (access(hang, F_OK) == 0)
+        nanosleep(&tick, nullptr);
+
     const char *word[SIM_MAX_WORDS];
     int n = 0;
     va_list ap;

@@ -7,6 +7,7 @@
 //               missing: "02:00:00:00:00:01"
 //   stations    one station a line, "MAC IPV4 RX TX", MAC in any text form
 //               that change_mac_format accepts, "-" for an unknown field
+//   dbcmd_hang  while it exists, the statistics database does not answer
 #ifndef METERD_PLATFORM_SIM_SIM_H
 #define METERD_PLATFORM_SIM_SIM_H
 
