@@ -155,10 +155,12 @@ int wait_pidfd(pid_t pid, long long deadline)
 }
 
 // Reaps the child once it has ended by the deadline; false when it is
-// still running then. Without a pidfd, polls backing off from 0.1 ms: the
-// child usually ends right after closing its output.
-bool reap_by(pid_t pid, long long deadline)
+// still running then. *status is its wait status, 0 when unknown. Without
+// a pidfd, polls backing off from 0.1 ms: the child usually ends right
+// after closing its output.
+bool reap_by(pid_t pid, long long deadline, int *status)
 {
+    *status = 0;
     int ended = wait_pidfd(pid, deadline);
     if (ended == 0)
         return false;
@@ -166,7 +168,7 @@ bool reap_by(pid_t pid, long long deadline)
         deadline = now_ms() + 1000;  // ended: reaped at once
     long wait_ns = 100000;
     for (;;) {
-        pid_t r = waitpid(pid, nullptr, WNOHANG);
+        pid_t r = waitpid(pid, status, WNOHANG);
         if (r == pid || (r < 0 && errno == ECHILD))  // ECHILD: SIGCHLD ignored, reaped already
             return true;
         if (r < 0 && errno != EINTR)
@@ -333,8 +335,13 @@ int station_address_lookup(const char *mac, struct in_addr *ip, int timeout_ms,
     }
     // Closed before the wait: ovat still writing dies of SIGPIPE.
     close(fd);
-    if (fail == LOOKUP_OK && !reap_by(pid, deadline))
+    int status = 0;
+    if (fail == LOOKUP_OK && !reap_by(pid, deadline, &status))
         fail = LOOKUP_TIMED_OUT;
+    // Where the spawn cannot report a failed exec (an emulator's fork for
+    // vfork), the child ends as a shell's "command not found" does.
+    if (fail == LOOKUP_OK && total == 0 && WIFEXITED(status) && WEXITSTATUS(status) == 127)
+        fail = LOOKUP_NOT_STARTED;
     if (fail != LOOKUP_OK) {
         kill_and_reap(pid);
         how->result = fail;
