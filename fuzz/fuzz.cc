@@ -12,6 +12,10 @@
 // answer to the captured request that the selector picks, with the backup
 // secret if bit 6 (responses come from the backup's address then), and bit 7
 // of the first frame leaves cloud mode where the input exists outside it.
+// Bit 7 of the response target's first selector (the others pick) runs it
+// under meterd -k, with the primary of the first profile dead and its
+// Status-Server the last datagram captured, so that answers to probes are
+// fuzzed too.
 // A request for the delivery counters on the control socket must leave the
 // daemon as it found it, or the run traps.
 //
@@ -30,6 +34,8 @@
 
 #include "database/portal_users.h"
 #include "delivery/identifiers.h"
+#include "delivery/policy.h"
+#include "delivery/servers.h"
 #include "delivery/scheduler.h"
 #include "delivery/transaction.h"
 #include "events/driver_events.h"
@@ -186,7 +192,7 @@ void feed(uint8_t flags, uint8_t select, const uint8_t *bytes, size_t n)
         // radius_recv refuses empty datagrams and those of 1024 bytes or more.
         unsigned char *buf = reinterpret_cast<unsigned char *>(&response);
         if ((flags & 0x20) && nsent)
-            n = signed_answer(buf, sent[(nsent - 1 - select % std::min(nsent, 16u)) % 16], bytes, n,
+            n = signed_answer(buf, sent[(nsent - 1 - (select & 0x7f) % std::min(nsent, 16u)) % 16], bytes, n,
                               flags & 0x40 ? BACKUP_SECRET : PRIMARY_SECRET);
         else if (n >= 1 && n < RADIUS_RECV_LEN)
             memcpy(buf, bytes, n);
@@ -285,7 +291,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     bool cloud_only = FUZZ_INPUT == FUZZ_PORTAL || FUZZ_INPUT == FUZZ_UAM;
     is_cloud = cloud_only || size == 0 || !(data[0] & 0x80);
     debug = 0;
+    identifiers_clear();
+    const bool keep = response_frames && size >= 2 && (data[1] & 0x80);
+    policy_choose(keep ? EXT_KEEP_RECORDS : 0);
     baseline();
+    if (keep)
+        locked([] {
+            radius_server *primary =
+                list_entry(total_radius_server_header.next, accounting_radius, total_radius_server)->primary_server;
+            servers_dead(primary);
+            servers_probe(now + PROBE_FIRST);
+        });
 
     // Bounded, so that no run costs more than a few milliseconds: a frame
     // of the portal target builds and sends up to 32 packets.
@@ -307,5 +323,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     debug = 0;
     clear_database();
+    policy_choose(0);
     return 0;
 }

@@ -10,6 +10,7 @@ sys.path.insert(0, os.path.join(HERE, '..', 'tools'))
 import records  # noqa: E402
 
 DEBUG, PASS, SIGN, BACKUP = 0x09, 0x10, 0x20, 0x40
+KEEP = 0x80  # the response target's first selector: meterd -k, a probe in flight
 SECONDS = {0: 0, 3: 1, 6: 2, 60: 3}
 
 
@@ -111,6 +112,8 @@ SEEDS = {
         'interim': frame(b'\x05', SIGN, 7) + frame(b'', later(60) | PASS, 0) + frame(b'', later(60) | PASS, 0) +
         frame(b'\x05', DEBUG | SIGN, 0),
         'raw': frame(bytes([5, 3, 0, 20]) + bytes(16), DEBUG, 0) + frame(b'\x05\x01', DEBUG, 0),
+        # Under -k, the primary dead: its probe answered with a wrong Code, then as a server answers it.
+        'probe': frame(b'\x02', SIGN, KEEP) + frame(b'\x05', DEBUG | SIGN, 0) + frame(b'', later(6) | PASS, 0),
     },
     # Each frame is one read of the connection.
     'stream': {

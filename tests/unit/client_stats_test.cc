@@ -5,7 +5,9 @@
 #include <array>
 #include <string>
 
+#include "database/nodes.h"
 #include "delivery/scheduler.h"
+#include "delivery/transaction.h"
 #include "daemon/control.h"
 #include "radius/compose.h"
 #include "radius/client_stats.h"
@@ -59,6 +61,37 @@ TEST_F(ClientStats, ARequestIsTheFirstDatagramOfAPacketThatLeft)
     ASSERT_EQ(accounting_msg(node, ACCOUNTING_ON), 0);
     send_accounting(node, ACCOUNTING_ON);
     EXPECT_EQ(row("127.0.0.1").requests, 2u);
+}
+
+// Where a packet went goes with it: after an answer from a server, a new
+// packet whose send fails, and a retransmission whose send fails, are
+// neither pending at that server nor its time-outs.
+TEST_F(ClientStats, APacketThatDidNotLeaveIsNoServersPendingNorTimeOut)
+{
+    radius_sendto_fn capture = radius_sendto;
+    static const radius_sendto_fn fail = [](int, const void *, size_t, const struct sockaddr_in *) -> ssize_t {
+        return -1;
+    };
+    struct accounting_radius *r = make_profile("wlan-1-1", "127.0.0.1", "s");
+    accounting_msg_t m = login_record("alice", "02:00:00:00:00:01", "wlan-1-1", 60);
+    struct accounting_node *n = add_new_node(&m, r, PROFILE_TYPE_NORMAL, 0);
+    transaction_begin(n, ACCOUNTING_START);
+    answer_last_request("s");
+    radius_sendto = fail;
+    pass(60);  // the Interim-Update, composed, goes nowhere
+    EXPECT_EQ(row("127.0.0.1").pending, 0u);
+    radius_sendto = capture;
+    for (int i = 0; i < 11; i++)
+        pass(1);  // its deadline; then it leaves, and its next deadline passes
+    EXPECT_EQ(row("127.0.0.1").timeouts, 1u);
+    radius_sendto = fail;
+    pass(1);  // the retransmission goes nowhere
+    EXPECT_EQ(row("127.0.0.1").pending, 0u);
+    radius_sendto = capture;
+    pass(5);
+    client_stats_row a = row("127.0.0.1");
+    EXPECT_EQ((std::array<uint32_t, 3>{a.requests, a.retransmissions, a.timeouts}),
+              (std::array<uint32_t, 3>{2, 0, 1}));
 }
 
 TEST_F(ClientStats, ServersBeyondTheTableShareOneRow)
