@@ -202,7 +202,7 @@ time_t servers_probe(time_t now)
             if (st->unanswered >= PROBES_BEFORE_REQUEST)
                 st->by_request = 1;
             send_status_server(radius, s);
-            st->next_probe = now + interval(st->probes);
+            st->next_probe = now + interval(st->probes + 1);
         }
         if (next == 0 || st->next_probe < next)
             next = st->next_probe;

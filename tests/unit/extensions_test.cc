@@ -327,7 +327,7 @@ TEST_F(Extensions, ADeadServerIsProbedAndTakenBack)
                       (std::vector<uint32_t>{1, 1, 1}));
         }
     }
-    EXPECT_EQ(probes, (std::vector<time_t>{PROBE_FIRST, 20, 40, 70, 100, 130, 160}));
+    EXPECT_EQ(probes, (std::vector<time_t>{PROBE_FIRST, 30, 60, 90, 120, 150}));
     // Answered as a server answers it: live, and new requests go to it with
     // a whole budget (not as a request that probes it).
     reply(testenv::sent.back(), "k");
@@ -372,7 +372,7 @@ TEST_F(Extensions, NothingIsGivenUpAndTheBacklogGoesOutPaced)
     EXPECT_TRUE(list_empty(&backlog_header) && list_empty(&request_queue_header));
     // The backup ignores its Status-Servers: after PROBES_BEFORE_REQUEST of
     // them a new request goes to it, once, then to the primary.
-    run(10 + 20 + 40);
+    run(10 + 20 + 30 + 30);
     EXPECT_EQ(route_of(mark + n.size()), "????");
     transaction_begin(session("aa:bb:cc:dd:ee:02", 0), ACCOUNTING_START);
     run(12);
