@@ -13,7 +13,8 @@ from harness import Meterd
 from records import ev_init
 
 SECRET, SPEED, PRIMARY, BACKUP = 'testing123', 20, 1813, 1814
-PROBE_FIRST, PROBE_CAP, TICK = 10, 30, 3  # the probe intervals, first and longest; the scheduler's tick (daemon seconds)
+# The daemon's first and longest probe intervals and its scheduler's tick, in its seconds.
+PROBE_FIRST, PROBE_CAP, TICK = 10, 30, 3
 devsim, meterctl = harness.tool('devsim'), harness.tool('meterctl', check=False)
 
 
@@ -64,8 +65,9 @@ class Failback(harness.SystemTest):
         return {s['port']: s for s in report['states']}, report['backlog']
 
     def until(self, found, seconds, what):
-        # Polls found() for up to `seconds` of the daemon's time (and one real second more).
-        return harness._poll(found, seconds / SPEED + 1, lambda: what)
+        # Polls found() for up to `seconds` of the daemon's time (and one real second more); what
+        # (text, or a function that returns it) says what failed.
+        return harness._poll(found, seconds / SPEED + 1, what if callable(what) else lambda: what)
 
     def test_backup_only_profile(self):
         backup = self.start(Server(BACKUP))
@@ -104,7 +106,7 @@ class Failback(harness.SystemTest):
     def test_primary_away_a_minute_loses_nothing(self):
         server, moments = self.away_a_minute(keep=True)
         closed = lambda: (rows := server.rows()) and len(rows) == 2 and all(r['acctstoptime'] for r in rows.values())
-        self.until(closed, PROBE_CAP + 2 * TICK, 'not every session closed')
+        self.until(closed, PROBE_CAP + 2 * TICK, lambda: 'not every session closed: %s' % server.rows())
         rows, start, stop = server.rows(), *[[r for r in server.records() if r.get('Acct-Status-Type') == kind
                                               and r['Acct-Session-Id'] == 'S-1'][0] for kind in ('Start', 'Stop')]
         # The stock SQL takes its times from Event-Timestamp: each Stop's is its disassociation, by
@@ -124,7 +126,6 @@ class Failback(harness.SystemTest):
         rows = server.rows()
         self.assertEqual(list(rows), ['S-1'])
         self.assertIsNone(rows['S-1']['acctstoptime'])  # its Stop was given up: the session stays open
-
 
     def test_failback_to_the_primary(self):
         primary, backup = self.start(Server(PRIMARY)), self.start(Server(BACKUP))
@@ -148,17 +149,23 @@ class Failback(harness.SystemTest):
         self.assertEqual(sorted(primary.rows()), ['S-a', 'S-b'])
 
     def test_server_that_ignores_status_server_is_found_by_a_request(self):
-        server = self.start(Server(PRIMARY, status_server=False))
-        self.meterd().send(ev_init('wlan-1-1', '127.0.0.1', PRIMARY, SECRET))
-        server.wait_records(1)
-        server.stop()
-        self.login('S-n', 'aa:00:00:00:00:01')
+        # Away from the start: the Accounting-On spends its budget and waits, and so does a Start.
+        server = Server(PRIMARY, status_server=False)
+        daemon = self.meterd()
+        made = time.monotonic()
+        daemon.send(ev_init('wlan-1-1', '127.0.0.1', PRIMARY, SECRET))
         self.until(lambda: self.states()[0][PRIMARY]['dead'], 4 * 9 + TICK, 'the server did not die')
-        server.start()
-        # Status-Servers go unanswered; after some, the waiting Start is the probe.
-        self.until(lambda: server.kinds()[1:] == [('Start', 'S-n')], 10 + 20 + 40 + 2 * TICK, 'not found again')
+        self.login('S-n', 'aa:00:00:00:00:01')
+        # After three unanswered Status-Servers the oldest request is the probe; unanswered too,
+        # it goes back to the backlog as the oldest, not behind the Start.
+        five = lambda: (r := self.states())[0][PRIMARY]['probes'] >= 5 and r[1]['length'] == 2 and r[1]
+        backlog = self.until(five, 10 + 20 + 40 + 9 + TICK, 'no request probed')
+        self.assertGreaterEqual(backlog['oldest_age'], (time.monotonic() - made) * SPEED - 3)
+        # Back, it ignores the next Status-Server and answers the next probing request: the On.
+        self.start(server)
+        self.until(lambda: server.kinds() == [('Accounting-On', ''), ('Start', 'S-n')], PROBE_CAP + 2 * TICK,
+                   lambda: 'not found again, or not oldest first: %s' % server.kinds())
         state = self.until(lambda: (s := self.states()[0][PRIMARY])['dead'] == 0 and s, TICK, 'still dead')
-        self.assertGreaterEqual(state['probes'], 3)
         self.assertEqual(state['probe_answers'], 0)
 
     def test_stats_while_both_servers_are_away(self):
@@ -182,14 +189,17 @@ class Failback(harness.SystemTest):
                          (1, 1, 0, 0))
         # The backup died a whole budget after the primary.
         self.assertTrue(20 <= backup['since'] - primary['since'] <= 45, (primary, backup))
-        # The primary comes back: its probe is answered, and the backlog drains to it, oldest first.
-        server = self.start(Server(PRIMARY))
-        self.until(lambda: self.states()[1]['length'] == 0, PROBE_CAP + TICK, 'the backlog did not drain')
+        # The backup comes back (soon enough that a Status-Server finds it, not a request): the
+        # backlog drains to it while the primary stays dead.
+        server = self.start(Server(BACKUP))
+        self.until(lambda: self.states()[1]['length'] == 0, 2 * 20 + TICK, 'the backlog did not drain')
         states = self.states()[0]
-        self.assertEqual((states[PRIMARY]['dead'], states[PRIMARY]['probe_answers'], states[BACKUP]['dead']),
-                         (0, 1, 1))
-        self.assertGreater(states[PRIMARY]['since'], primary['since'])
-        self.assertEqual(server.wait_records(2) and server.kinds(), [('Accounting-On', ''), ('Start', 'S-w')])
+        self.assertEqual((states[PRIMARY]['dead'], states[BACKUP]['dead'], states[BACKUP]['probe_answers']),
+                         (1, 0, 1))
+        self.assertGreater(states[BACKUP]['since'], backup['since'])
+        server.wait_records(2)
+        self.assertEqual(sorted(server.kinds()), [('Accounting-On', ''), ('Start', 'S-w')])
+
 
 if __name__ == '__main__':
     harness.main()
