@@ -5,6 +5,7 @@
 
 #include "platform/station_lookups.h"
 #include "platform/station_probe.h"
+#include "radius/client_stats.h"
 #include "radius/compose.h"
 #include "radius/radius_send_recieve.h"
 
@@ -87,14 +88,8 @@ void policy_choose(unsigned options)
 size_t policy_report(char *out, size_t size)
 {
     size_t n = 0;
-    int k = snprintf(out, size, "extensions");
-    for (const option_name &o : option_names) {
-        if (k < 0 || static_cast<size_t>(k) >= size - n)
-            break;
-        n += static_cast<size_t>(k);
-        k = snprintf(out + n, size - n, " %s %d", o.name, (chosen.options & o.bit) ? 1 : 0);
-    }
-    if (k > 0 && static_cast<size_t>(k) < size - n)
-        n += static_cast<size_t>(k);
+    report_put(out, size, &n, "extensions");
+    for (const option_name &o : option_names)
+        report_put(out, size, &n, " %s %d", o.name, (chosen.options & o.bit) ? 1 : 0);
     return n;
 }

@@ -157,10 +157,14 @@ int servers_route(struct accounting_node *node)
     unsigned char which = servers_first(radius);
     if (which == SERVER_NONE)
         return 0;
-    radius_server *server = which == SERVER_PRIMARY ? radius->primary_server : radius->backup_server;
-    count_in_flight();
-    if (server->state.in_flight >= PACE && !list_empty(&backlog_header))
-        return 0;
+    // Paced only while a backlog drains, so that a new request costs no
+    // walk of the queues.
+    if (!list_empty(&backlog_header)) {
+        radius_server *server = which == SERVER_PRIMARY ? radius->primary_server : radius->backup_server;
+        count_in_flight();
+        if (server->state.in_flight >= PACE)
+            return 0;
+    }
     self->server = which;
     return 1;
 }
@@ -246,15 +250,10 @@ int servers_probe_answer(AUTH_HDR *response, const struct radius_datagram *d, bo
 size_t servers_report(char *out, size_t size)
 {
     size_t n = 0;
-    auto put = [&](const char *fmt, auto... args) {
-        int k = snprintf(out + n, size - n, fmt, args...);
-        if (k > 0)
-            n += static_cast<size_t>(k) < size - n ? static_cast<size_t>(k) : size - n - 1;
-    };
     out[0] = '\0';
     each_server([&](struct accounting_radius *radius, radius_server *s, const char *which) {
         const struct server_state *st = &s->state;
-        put("state %s %s %s %d dead %d since %ld probes %u probe_answers %u\n",
+        report_put(out, size, &n, "state %s %s %s %d dead %d since %ld probes %u probe_answers %u\n",
             radius->interface[0] ? radius->interface : "-", which, s->hostname[0] ? s->hostname : "-",
             s->acct_port, st->dead, static_cast<long>(st->since), st->probes, st->probe_answers);
     });
@@ -267,6 +266,6 @@ size_t servers_report(char *out, size_t size)
             oldest = self->event_time;
     }
     time_t now = mtr_time();
-    put("backlog length %zu oldest_age %ld\n", length, length ? static_cast<long>(now - oldest) : 0L);
+    report_put(out, size, &n, "backlog length %zu oldest_age %ld\n", length, length ? static_cast<long>(now - oldest) : 0L);
     return n;
 }

@@ -115,12 +115,8 @@ void route(struct accounting_node *node)
     // In the order of their events, not of their arrival: a request whose
     // probe or budget has just run out goes back ahead of younger ones, so
     // that the oldest drains first and the report's oldest is the first.
-    struct list_head *pos = backlog_header.prev;
-    while (pos != &backlog_header &&
-           (pos == &node->queue ||
-            list_entry(pos, struct accounting_node, queue)->self->event_time > node->self->event_time))
-        pos = pos->prev;
-    list_move(&node->queue, pos);
+    node->self->report_time = node->self->event_time;
+    queue_insert_and_sort(node, &backlog_header);
 }
 
 void send_request(struct accounting_node *node)

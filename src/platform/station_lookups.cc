@@ -14,13 +14,6 @@
 #include "platform/platform.h"
 #include "platform/station_probe.h"
 
-namespace {
-
-// The module of the lookup in progress; nothing survives between lookups.
-parser_module *module = nullptr;
-
-}  // namespace
-
 int whal_getip(const char *stamac, struct in_addr *ip)
 {
     // Cleared first, so that every failure leaves 0.0.0.0 in the caller's record.
@@ -98,13 +91,13 @@ int station_counters(const char *user_mac, conn_t *status, uint64_t (*read)(cons
     status->rx = 0;
     status->tx = 0;
 
-    module = parser_open("dbcmd");
+    // Opened and closed by each look-up, so that look-ups may run at once.
+    parser_module *module = parser_open("dbcmd");
     if (!module)
         return 0;
     void *client = module->init_sock ? module->init_sock(PARSER_CLI) : nullptr;
     if (!client) {
         parser_close(module);
-        module = nullptr;
         return 0;
     }
 
@@ -130,6 +123,5 @@ int station_counters(const char *user_mac, conn_t *status, uint64_t (*read)(cons
     if (module->close_sock)
         module->close_sock(client, 0);
     parser_close(module);
-    module = nullptr;
     return 0;
 }

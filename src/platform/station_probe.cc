@@ -17,6 +17,7 @@
 #include <cstring>
 
 #include "platform/platform.h"
+#include "platform/station_lookups.h"
 
 extern char **environ;
 
@@ -362,50 +363,6 @@ int station_address_lookup(const char *mac, struct in_addr *ip, int timeout_ms,
 
 int station_counters_lookup(const char *user_mac, conn_t *status)
 {
-    char mac_str[18];
-    char rrm_table_name[64];
-    char msg[1024];
-    char rx_char[128];
-    char tx_char[128];
-    memset(mac_str, 0, sizeof mac_str);
-    memset(rrm_table_name, 0, sizeof rrm_table_name);
-    memset(msg, 0, sizeof msg);
-    memset(rx_char, 0, sizeof rx_char);
-    memset(tx_char, 0, sizeof tx_char);
-
-    rrm_get_common_mac(mac_str, sizeof mac_str);
-    mac_str[sizeof mac_str - 1] = '\0';
-
-    status->rx = 0;
-    status->tx = 0;
-
-    parser_module *module = parser_open("dbcmd");
-    if (!module)
-        return 0;
-    void *client = module->init_sock ? module->init_sock(PARSER_CLI) : nullptr;
-    if (!client) {
-        parser_close(module);
-        return 0;
-    }
-
-    snprintf(rrm_table_name, sizeof rrm_table_name, "%s-%s", "STA_STATISTIC", mac_str);
-    char *const none = nullptr;
-    module->gen_cmd(client, msg, "dbctl", "-t", rrm_table_name, "-k", user_mac, "-g", "RX", none);
-    msg[sizeof msg - 1] = '\0';
-    copy_text(rx_char, sizeof rx_char, msg);
-    module->gen_cmd(client, msg, "dbctl", "-t", rrm_table_name, "-k", user_mac, "-g", "TX", none);
-    msg[sizeof msg - 1] = '\0';
-    copy_text(tx_char, sizeof tx_char, msg);
-
-    uint64_t rx = read_counter64(rx_char), tx = read_counter64(tx_char);
-    int both = rx > 0 && tx > 0;
-    if (both) {
-        status->rx = rx;
-        status->tx = tx;
-    }
-
-    if (module->close_sock)
-        module->close_sock(client, 0);
-    parser_close(module);
-    return both;
+    station_counters(user_mac, status, read_counter64);
+    return status->rx > 0 && status->tx > 0;
 }

@@ -58,6 +58,24 @@ bool malformed(const struct radius_datagram *d, const AUTH_HDR *response)
     return length < RADIUS_HDR_LEN || length > d->length;
 }
 
+// A datagram from d's sender, counted with what became of it (STATS_*);
+// one that is malformed is counted as that whatever else it was.
+void count_received(const struct radius_datagram *d, const AUTH_HDR *response, int outcome)
+{
+    if (!d || d->length < 0)
+        return;
+    struct client_stats_row *row = row_of(&d->from, false);
+    row->responses++;
+    if (malformed(d, response))
+        row->malformed++;
+    else if (outcome == STATS_BAD_AUTHENTICATOR)
+        row->bad_authenticators++;
+    else if (outcome == STATS_UNKNOWN_TYPE)
+        row->unknown_types++;
+    else if (outcome == STATS_DROPPED || outcome == STATS_MALFORMED)
+        row->dropped++;
+}
+
 uint32_t pending[CLIENT_STATS_SERVERS + 1];
 
 void count_waiting(const struct user_accounting_info *self)
@@ -76,10 +94,10 @@ void count_pending()
         rows[i].pending = pending[i];
 }
 
-// Appends to out[*n...], cut to size; out stays NUL-terminated.
-void put(char *out, size_t size, size_t *n, const char *fmt, ...) __attribute__((format(printf, 4, 5)));
 
-void put(char *out, size_t size, size_t *n, const char *fmt, ...)
+}  // namespace
+
+void report_put(char *out, size_t size, size_t *n, const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
@@ -88,8 +106,6 @@ void put(char *out, size_t size, size_t *n, const char *fmt, ...)
     if (k > 0)
         *n += static_cast<size_t>(k) < size - *n ? static_cast<size_t>(k) : size - *n - 1;
 }
-
-}  // namespace
 
 void client_stats_sent(struct user_accounting_info *self, const struct sockaddr_in *to)
 {
@@ -111,16 +127,7 @@ void client_stats_timeout(const struct user_accounting_info *self)
 
 void client_stats_refused(const struct radius_datagram *d, const AUTH_HDR *response, int reason)
 {
-    if (!d || d->length < 0)
-        return;
-    struct client_stats_row *row = row_of(&d->from, false);
-    row->responses++;
-    if (malformed(d, response))
-        row->malformed++;
-    else if (reason == STATS_BAD_AUTHENTICATOR)
-        row->bad_authenticators++;
-    else
-        row->dropped++;
+    count_received(d, response, reason);
 }
 
 void client_stats_answered(const struct radius_datagram *d, const AUTH_HDR *response,
@@ -139,16 +146,7 @@ void client_stats_answered(const struct radius_datagram *d, const AUTH_HDR *resp
 
 void client_stats_probe(const struct radius_datagram *d, const AUTH_HDR *response, int outcome)
 {
-    if (!d || d->length < 0)
-        return;
-    struct client_stats_row *row = row_of(&d->from, false);
-    row->responses++;
-    if (malformed(d, response))
-        row->malformed++;
-    else if (outcome == STATS_BAD_AUTHENTICATOR)
-        row->bad_authenticators++;
-    else if (outcome == STATS_UNKNOWN_TYPE)
-        row->unknown_types++;
+    count_received(d, response, outcome);
 }
 
 int client_stats_of(struct in_addr addr, uint16_t port, struct client_stats_row *out)
@@ -171,13 +169,13 @@ size_t client_stats_report(char *out, size_t size)
         const struct client_stats_row *r = &rows[i];
         char addr[INET_ADDRSTRLEN];
         if (i < used)
-            put(out, size, &n, "server %s %u", inet_ntop(AF_INET, &r->addr, addr, sizeof addr),
+            report_put(out, size, &n, "server %s %u", inet_ntop(AF_INET, &r->addr, addr, sizeof addr),
                 static_cast<unsigned>(r->port));
         else if (i == OTHER && memcmp(r, &none, sizeof none) != 0)
-            put(out, size, &n, "server other 0");
+            report_put(out, size, &n, "server other 0");
         else
             continue;
-        put(out, size, &n,
+        report_put(out, size, &n,
             " requests %u retransmissions %u responses %u malformed %u bad_authenticators %u"
             " unknown_types %u dropped %u pending %u timeouts %u round_trip_ms %u\n",
             r->requests, r->retransmissions, r->responses, r->malformed, r->bad_authenticators,

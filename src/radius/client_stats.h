@@ -71,6 +71,10 @@ int client_stats_of(struct in_addr addr, uint16_t port, struct client_stats_row 
 // figure and its value, a row a line, "other" for the last row. Cut to size (NUL-terminated);
 // returns its length.
 size_t client_stats_report(char *out, size_t size);
+// Appends printf-style to out[*n...] of a report, cut to size; out stays
+// NUL-terminated and *n its length.
+void report_put(char *out, size_t size, size_t *n, const char *fmt, ...) __attribute__((format(printf, 4, 5)));
+
 // Forgets every row (tests).
 void client_stats_clear(void);
 

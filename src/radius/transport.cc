@@ -69,6 +69,21 @@ int host2server(radius_server *server)
     return -1;
 }
 
+// Where a datagram to server goes, its name resolved anew.
+void address_of(radius_server *server, struct sockaddr_in *to)
+{
+    host2server(server);
+    memset(to, 0, sizeof *to);
+    to->sin_family = AF_INET;
+    to->sin_addr = server->acct_ip;
+    to->sin_port = htons(static_cast<uint16_t>(server->acct_port));
+}
+
+int source_fd(int source)
+{
+    return source > 0 && source < RADIUS_SOURCES ? source_fds[source].load() : sockfd;
+}
+
 }  // namespace
 
 radius_sendto_fn radius_sendto = system_sendto;
@@ -130,12 +145,8 @@ int send_accounting(struct accounting_node *node, int status)
         return -1;
     }
 
-    host2server(server);
     struct sockaddr_in to;
-    memset(&to, 0, sizeof to);
-    to.sin_family = AF_INET;
-    to.sin_addr = server->acct_ip;
-    to.sin_port = htons(static_cast<uint16_t>(server->acct_port));
+    address_of(server, &to);
     TRACE("send port:%d, %d \n", to.sin_port, server->acct_port);
 
     if (!self->request) {
@@ -153,7 +164,7 @@ int send_accounting(struct accounting_node *node, int status)
     ssize_t sent = -1;
     errno = EDESTADDRREQ;
     if (to.sin_addr.s_addr != htonl(INADDR_ANY))
-        sent = radius_sendto(self->source ? source_fds[self->source].load() : sockfd, request, length, &to);
+        sent = radius_sendto(source_fd(self->source), request, length, &to);
     if (sent < 0) {
         int err = errno;
         // Nowhere reached: its time-out is no server's.
@@ -168,16 +179,11 @@ int send_accounting(struct accounting_node *node, int status)
 
 int radius_send_packet(radius_server *server, int source, const AUTH_HDR *packet)
 {
-    host2server(server);
-    if (server->acct_ip.s_addr == htonl(INADDR_ANY))
-        return -1;
     struct sockaddr_in to;
-    memset(&to, 0, sizeof to);
-    to.sin_family = AF_INET;
-    to.sin_addr = server->acct_ip;
-    to.sin_port = htons(static_cast<uint16_t>(server->acct_port));
-    int fd = source > 0 && source < RADIUS_SOURCES ? source_fds[source].load() : sockfd;
-    return radius_sendto(fd, packet, ntohs(packet->length), &to) < 0 ? -1 : 0;
+    address_of(server, &to);
+    if (to.sin_addr.s_addr == htonl(INADDR_ANY))
+        return -1;
+    return radius_sendto(source_fd(source), packet, ntohs(packet->length), &to) < 0 ? -1 : 0;
 }
 
 int radius_recv(AUTH_HDR *response, struct radius_datagram *d)
