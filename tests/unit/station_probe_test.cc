@@ -10,6 +10,8 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <vector>
 
 #include "platform/station_lookups.h"
 #include "platform/station_probe.h"
@@ -37,7 +39,9 @@ bool ended(pid_t pid)
 
 }  // namespace
 
-// The design's pipeline, run through sh, is the reference for every output.
+// The shell-less look-ups beside the design's (whal_getip and
+// get_connection_status_by_ip): the design's pipeline, run through sh, is
+// the reference for every output of ovat.
 TEST(StationProbe, DecidesAsTheShellPipelineForEveryOutput)
 {
     SimDevice sim;
@@ -73,6 +77,7 @@ TEST(StationProbe, DecidesAsTheShellPipelineForEveryOutput)
     lookup_outcome how;
     EXPECT_EQ(address(station_address_lookup("AA'; x; '", &ip, 0, &how), ip), "none 0.0.0.0");
     EXPECT_EQ(how.result, LOOKUP_NOT_STARTED);
+    EXPECT_EQ(address(whal_getip("AA'; x; '", &ip), ip), "none 0.0.0.0");  // nor the design's shell
     EXPECT_NE(access((sim.dir() + "/ran").c_str(), F_OK), 0);
     EXPECT_TRUE(no_children());
 }
@@ -113,30 +118,37 @@ TEST(StationProbe, AnOvatThatHangsFloodsOrIsMissingCostsATimeOutAtMost)
     EXPECT_TRUE(no_children());
 }
 
+// The design reads each counter as an int up to its first non-digit, and a
+// counter 0, missing or beyond an int zeroes both; ours take whole 64-bit
+// numbers or nothing.
 TEST(StationProbe, CountersAreWhole64BitNumbersAndWaitForTheDatabase)
 {
     SimDevice sim;
-    sim.write("mac", "02:00:00:00:00:aa\n");
-    sim.write("stations", "aa:bb:cc:00:00:01 - 12abc 7\naa:bb:cc:00:00:02 - 5000000000 7\n"
-                          "aa:bb:cc:00:00:03 - 0 5\naa:bb:cc:00:00:04 - 5 -\n");
-    for (auto [mac, rx, tx] : std::initializer_list<std::tuple<const char *, uint64_t, uint64_t>>{
-             {"aa:bb:cc:00:00:01", 0, 0}, {"aa:bb:cc:00:00:02", 5000000000, 7}, {"aa:bb:cc:00:00:03", 0, 0},
-             {"aa:bb:cc:00:00:04", 0, 0}, {"aa:bb:cc:00:00:05", 0, 0}}) {
-        conn_t c = {7, 7};
-        EXPECT_EQ(station_counters_lookup(mac, &c), rx ? 1 : 0) << mac;
-        EXPECT_EQ(std::make_pair(c.rx, c.tx), std::make_pair(rx, tx)) << mac;
+    sim.write("mac", "02:00:00:00:00:aa\n");  // the device's MAC names the statistics table
+    sim.write("stations", "aa:bb:cc:00:00:01 - 12abc 7\naa:bb:cc:00:00:02 - 100 0\naa:bb:cc:00:00:03 - - 5\n"
+                          "aa:bb:cc:00:00:04 - 5 -\naa:bb:cc:00:00:05 - 99999999999 7\n");
+    using Row = std::tuple<const char *, conn_t, conn_t>;  // the MAC, the design's and our {rx, tx}
+    for (auto [mac, design, ours] : std::initializer_list<Row>{
+             {"aa:bb:cc:00:00:01", {12, 7}, {0, 0}}, {"aa:bb:cc:00:00:02", {0, 0}, {0, 0}},
+             {"aa:bb:cc:00:00:03", {0, 0}, {0, 0}}, {"aa:bb:cc:00:00:04", {0, 0}, {0, 0}},
+             {"aa:bb:cc:00:00:05", {0, 0}, {99999999999, 7}}, {"aa:bb:cc:00:00:06", {0, 0}, {0, 0}}}) {
+        conn_t c = {7, 7}, d = {7, 7};
+        EXPECT_EQ(get_connection_status_by_ip(mac, &d), 0);
+        EXPECT_EQ(station_counters_lookup(mac, &c), ours.rx ? 1 : 0) << mac;
+        EXPECT_EQ((std::vector<uint64_t>{d.rx, d.tx, c.rx, c.tx}),
+                  (std::vector<uint64_t>{design.rx, design.tx, ours.rx, ours.tx})) << mac;
     }
 
     sim.write("dbcmd_hang", "");
     std::atomic<bool> done{false};
     conn_t c = {0, 0};
     std::thread worker([&] {
-        station_counters_lookup("aa:bb:cc:00:00:02", &c);
+        station_counters_lookup("aa:bb:cc:00:00:05", &c);
         done = true;
     });
     usleep(200000);
     EXPECT_FALSE(done);
     unlink((sim.dir() + "/dbcmd_hang").c_str());
     worker.join();
-    EXPECT_EQ(c.rx, 5000000000u);
+    EXPECT_EQ(c.rx, 99999999999u);
 }

@@ -40,22 +40,21 @@ protected:
         return "ca_file = " + dir + "/ca.pem\ncertificate_file = " + dir + "/client.pem\nprivate_key_file = " + dir +
                "/client.key\n";
     }
-    // The error line of loading text, "" for success (then cfg holds it).
-    std::string load(const std::string &text)
+    // The error line of loading text (or the file at path), "" for success
+    // (then cfg holds it).
+    std::string load(const std::string &text, std::string path = "")
     {
         char error[TLS_CONFIG_ERROR] = "untouched";
-        int result = tls_config_load(write("meterd-tls.conf", text).c_str(), &cfg, error, sizeof error);
-        std::string e = result ? std::string(error) : "";
+        path = path.empty() ? write("meterd-tls.conf", text) : path;
+        std::string e = tls_config_load(path.c_str(), &cfg, error, sizeof error) ? error : "";
         for (size_t at; (at = e.find(dir)) != std::string::npos;)
             e.replace(at, dir.size(), "D");
         return e;
     }
-    static std::string error_of(const char *path)
+    std::string words() const
     {
-        tls_config c;
-        char error[TLS_CONFIG_ERROR] = "";
-        tls_config_load(path, &c, error, sizeof error);
-        return error;
+        return std::string(cfg.server_name) + "|" + std::to_string(cfg.port) + "|" +
+               std::to_string(cfg.min_version) + "|" + cfg.secret;
     }
     tls_config cfg;
 };
@@ -67,16 +66,12 @@ TEST_F(TlsConfig, FreeRadiusWordsWithTheirDefaults)
     EXPECT_EQ(load(required()), "");
     EXPECT_EQ(cfg.ca_file, dir + "/ca.pem");
     EXPECT_EQ(cfg.private_key_file, dir + "/client.key");
-    EXPECT_EQ(std::string(cfg.server_name) + "|" + std::to_string(cfg.port) + "|" + std::to_string(cfg.min_version) +
-                  "|" + cfg.secret,
-              "|2083|12|radsec");
+    EXPECT_EQ(words(), "|2083|12|radsec");
     // Comments, blank lines, quotes and blanks around the '='.
     EXPECT_EQ(load("# TLS to the roaming hub\n\n" + required() + "  server_name=radius.example.net  # the hub\n"
                    "port\t= 2084\ntls_min_version = \"1.3\"\nsecret = \"s3cret#1\"\n"),
               "");
-    EXPECT_EQ(std::string(cfg.server_name) + "|" + std::to_string(cfg.port) + "|" + std::to_string(cfg.min_version) +
-                  "|" + cfg.secret,
-              "radius.example.net|2084|13|s3cret#1");
+    EXPECT_EQ(words(), "radius.example.net|2084|13|s3cret#1");
 }
 
 TEST_F(TlsConfig, EachMistakeIsOneLineSayingWhereAndWhat)
@@ -100,17 +95,17 @@ TEST_F(TlsConfig, EachMistakeIsOneLineSayingWhereAndWhat)
     };
     for (const auto &[text, error] : cases)
         EXPECT_EQ(load(text), error) << text;
-    EXPECT_EQ(error_of("/nonexistent/tls.conf"), "meterd: /nonexistent/tls.conf: No such file or directory");
+    EXPECT_EQ(load("", "/nonexistent/tls.conf"), "meterd: /nonexistent/tls.conf: No such file or directory");
 
     // A key that the group or others may read, the certificate that the
     // daemon cannot read (it checks the file, not a directory).
     chmod((dir + "/client.key").c_str(), 0640);
     EXPECT_EQ(load(r), "meterd: D/meterd-tls.conf line 3: private_key_file 'D/client.key' may be read by group or "
                        "others (mode 0640): chmod 600 it");
-    chmod((dir + "/client.key").c_str(), 0604);
-    EXPECT_NE(load(r), "");
-    chmod((dir + "/client.key").c_str(), 0400);
-    EXPECT_EQ(load(r), "");
+    for (mode_t mode : {0604, 0400}) {
+        chmod((dir + "/client.key").c_str(), mode);
+        EXPECT_EQ(load(r).empty(), mode == 0400) << mode;
+    }
     EXPECT_EQ(load("ca_file = " + dir + "\n" + r.substr(r.find('\n') + 1)),
               "meterd: D/meterd-tls.conf line 1: ca_file 'D': not a regular file");
 }
