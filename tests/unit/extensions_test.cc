@@ -208,18 +208,6 @@ TEST_F(Extensions, WaitersGoInOrderAndAnAbandonedIdentifierRests)
     transaction_begin(session(), ACCOUNTING_START);
     EXPECT_EQ(testenv::sent.size(), 258u);
     EXPECT_EQ(list_length(&id_wait_header), 2u);
-
-    // Two Accounting-On of one profile, the first given up: the second,
-    // though the same bytes, never meets the first's late answer.
-    clear_database();
-    r = make_profile("wlan-1-1", "127.0.0.1", "k");
-    testenv::sent.clear();
-    for (int k = 0; k < 3; k++) {
-        request_id = 7;
-        transaction_begin(add_new_node_for_on_off(r), ACCOUNTING_ON);
-        EXPECT_EQ(testenv::sent.back().bytes[1], k == 1 ? 8 : 7) << k;
-        run(k == 0 ? 24 : 10);  // given up at 23 s; its Identifier rests 10 s
-    }
 }
 
 // -k: a server that lets a request's whole budget pass is dead; it is
