@@ -5,15 +5,11 @@
 // the event takes it when all goes well, and leaks nothing.
 #include <regex>
 
-#include "database/portal_users.h"
-#include "delivery/scheduler.h"
 #include "events/driver_events.h"
 #include "events/portal_events.h"
 #include "events/station_events.h"
 #include "events/uam_events.h"
 #include "daemon/control.h"
-#include "frame/memory.h"
-#include "sim_env.h"
 #include "test_support.h"
 
 // Sanitized builds only.

@@ -1,17 +1,10 @@
 // Delivery counters: what the table alone decides. The figures themselves
 // are checked end to end against scripted servers (system test "stats").
-#include <arpa/inet.h>
 
 #include <array>
-#include <string>
 
-#include "database/nodes.h"
-#include "database/profiles.h"
-#include "delivery/scheduler.h"
-#include "delivery/transaction.h"
 #include "daemon/control.h"
 #include "radius/client_stats.h"
-#include "radius/radius_send_recieve.h"
 #include "test_support.h"
 
 namespace {

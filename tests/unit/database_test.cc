@@ -1,19 +1,12 @@
 // The database: MAC forms, controller changes, the portal NAS address, and
 // text fields without terminators, of profiles, logins and UAM events. Allocation failure: alloc_fail_test.cc;
 // a removed profile's sessions: the control event 2 path there.
-#include <arpa/inet.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <fstream>
-#include <string>
 
 #include "database/mac_text.h"
-#include "database/nodes.h"
-#include "database/portal_users.h"
-#include "database/profiles.h"
 #include "events/uam_events.h"
-#include "frame/meterd.h"
 #include "test_support.h"
 
 namespace {

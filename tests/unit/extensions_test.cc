@@ -1,24 +1,10 @@
 // The opt-in extensions and the delivery policy of -k, each beside the
 // design's behaviour it replaces.
-#include <arpa/inet.h>
 
-#include <cstring>
-#include <string>
-#include <tuple>
-
-#include "database/nodes.h"
-#include "delivery/identifiers.h"
-#include "delivery/policy.h"
-#include "delivery/queues.h"
-#include "delivery/scheduler.h"
 #include "delivery/servers.h"
-#include "delivery/transaction.h"
 #include "events/session_stop.h"
-#include "frame/memory.h"
 #include "platform/station_lookups.h"
 #include "radius/compose.h"
-#include "radius/radius_send_recieve.h"
-#include "sim_env.h"
 #include "test_support.h"
 
 namespace {

@@ -1,21 +1,11 @@
 // Station thread inputs as raw bytes: what the driver, the authenticator
 // and the HAL can send that the system tests cannot easily shape.
-#include <arpa/inet.h>
 #include <climits>
-#include <cstring>
 #include <regex>
-#include <string>
-#include <tuple>
-#include <vector>
 
-#include "database/nodes.h"
-#include "database/portal_users.h"
 #include "events/driver_events.h"
 #include "events/session_stop.h"
 #include "events/station_events.h"
-#include "frame/meterd.h"
-#include "radius/radius_msg.h"
-#include "sim_env.h"
 #include "test_support.h"
 
 namespace {

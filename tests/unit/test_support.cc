@@ -3,17 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
-
-#include "database/portal_users.h"
-#include "database/profiles.h"
-#include "delivery/transaction.h"
 #include "frame/clock.h"
 #include "frame/console.h"
-#include "delivery/identifiers.h"
-#include "delivery/policy.h"
-#include "radius/radius_msg.h"
-#include "radius/radius_send_recieve.h"
 
 namespace testenv {
 time_t now = 1000000;

@@ -1,18 +1,37 @@
 // Shared fixture of the unit tests: an empty database before and after each
 // test (cloud mode off, the portal user table set up), a clock the test sets,
-// every datagram captured instead of sent, and the console when asked.
+// every datagram captured instead of sent, and the console when asked; with
+// the database, delivery and packet interfaces that every such test drives.
 #ifndef METERD_TESTS_UNIT_TEST_SUPPORT_H
 #define METERD_TESTS_UNIT_TEST_SUPPORT_H
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <ctime>
+#include <initializer_list>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
+#include "database/nodes.h"
+#include "database/portal_users.h"
+#include "database/profiles.h"
+#include "delivery/identifiers.h"
+#include "delivery/policy.h"
+#include "delivery/queues.h"
+#include "delivery/scheduler.h"
+#include "delivery/transaction.h"
+#include "frame/memory.h"
+#include "radius/radius_msg.h"
+#include "radius/radius_send_recieve.h"
 #include "shared.h"
+#include "sim_env.h"
 
 struct SentDatagram {
     std::vector<uint8_t> bytes;
