@@ -11,12 +11,6 @@ namespace {
 
 class ClientStats : public DbTest {
 protected:
-    void SetUp() override
-    {
-        DbTest::SetUp();
-        client_stats_clear();
-    }
-
     static void add_profile(const char *iface, const char *server)
     {
         accounting_event_t rec;

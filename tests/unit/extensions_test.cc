@@ -11,24 +11,18 @@ namespace {
 
 const in_addr_t PRIMARY = inet_addr("127.0.0.1");
 
-// A 4-byte attribute of a datagram, or -1 when it has none.
-int64_t attr(const SentDatagram &d, int type)
-{
-    const std::vector<uint8_t> &b = d.bytes;
-    for (size_t at = 20; at + 2 <= b.size() && b[at + 1] >= 2; at += b[at + 1])
-        if (b[at] == type && b[at + 1] == 6 && at + 6 <= b.size())
-            return int64_t{b[at + 2]} << 24 | b[at + 3] << 16 | b[at + 4] << 8 | b[at + 5];
-    return -1;
-}
-
 // Where datagrams went from `from` on: p or b, upper case for a Stop, ? for a Status-Server.
 std::string route_of(size_t from = 0)
 {
     std::string s;
     for (size_t k = from; k < testenv::sent.size(); k++) {
         const SentDatagram &d = testenv::sent[k];
+        AUTH_HDR h = {};
+        uint32_t status = 0;
+        memcpy(&h, d.bytes.data(), std::min(d.bytes.size(), sizeof h));
+        radius_msg_get_attr_int32(&h, RADIUS_ATTR_ACCT_STATUS_TYPE, &status);
         char c = d.to.sin_addr.s_addr == PRIMARY ? 'p' : 'b';
-        s += d.bytes[0] == RADIUS_CODE_STATUS_SERVER ? '?' : attr(d, RADIUS_ATTR_ACCT_STATUS_TYPE) == 2 ? c - 32 : c;
+        s += h.code == RADIUS_CODE_STATUS_SERVER ? '?' : status == 2 ? c - 32 : c;
     }
     return s;
 }

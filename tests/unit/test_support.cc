@@ -5,6 +5,7 @@
 
 #include "frame/clock.h"
 #include "frame/console.h"
+#include "radius/client_stats.h"
 
 namespace testenv {
 time_t now = 1000000;
@@ -29,6 +30,7 @@ void DbTest::SetUp()
     mtr_set_clock([] { return testenv::now; });
     radius_sendto = capture_send;
     transaction_init();
+    client_stats_clear();
     console_path = "/dev/null";
     debug = 1;  // the traces run, and a test that reads them captures them
     is_cloud = 1;
