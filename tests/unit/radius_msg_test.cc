@@ -53,21 +53,11 @@ TEST(RadiusMsg, AttributesStandBackToBackAndAreFoundOnlyInsideThePacket)
     }
 }
 
-// Known answers computed once with Python's hashlib.
-TEST(RadiusMsg, AuthenticatorKnownAnswers)
+// A response's authenticator (one known answer computed with Python's
+// hashlib). Every request's authenticator, the backup's re-signed copies
+// too, is verified by pyrad at the system tests' peers.
+TEST(RadiusMsg, ResponseAuthenticatorKnownAnswers)
 {
-    // An Accounting-On, and a bare header with an empty secret. Signing over
-    // an earlier signature (failover re-signs in place) changes nothing.
-    for (auto [head, secret, vector] : std::initializer_list<std::tuple<const char *, const char *, const char *>>{
-             {"04070038" "00000000000000000000000000000000" "280600000007" "2D0600000001" "04067F000001"
-              "050600000000" "3D060000000F" "31060000000B", "testing123", "b5dec50e4032cbc535188e4ef281cb39"},
-             {"04070014", "", "80445c974812701237815e78402b648e"}}) {
-        Bytes p = packet(head);
-        get_accounting_vector(hdr(p), "a-much-longer-first-secret");
-        get_accounting_vector(hdr(p), secret);
-        EXPECT_EQ(Bytes(p.begin() + 4, p.begin() + 20), packet(vector, 16)) << secret;
-    }
-
     Bytes request = packet("04070014000102030405060708090a0b0c0d0e0f");
     // Right; wrong secret; one forged byte at the end; 1025 bytes claimed, beyond the receive buffer.
     for (auto [secret, response, result] : std::initializer_list<std::tuple<const char *, const char *, int>>{
