@@ -13,19 +13,6 @@ namespace {
 
 using Database = DbTest;
 
-// The colon form reaches FreeRADIUS in the system tests, a text of no form in
-// TextFieldsAreCutToTheirSize.
-TEST(TextForms, BareAndCutMacFormsAndHashesOfHighBytes)
-{
-    char mac[18] = {0};
-    change_mac_format(mac, "aa:bb.cc:dd:ee:0f");  // an odd character ends the text
-    EXPECT_STREQ(mac, "AA-BB");
-    change_mac_format(mac, "aabbccddee0f");
-    EXPECT_STREQ(mac, "AA-BB-CC-DD-EE-0F");
-    int high = hash_func("\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff");
-    EXPECT_TRUE(high >= 0 && high < 256);
-}
-
 TEST_F(Database, ControllerChanges)
 {
     struct accounting_radius *a = make_profile("wlan-1-1", "ac.example", "old", "ac.example", "b");
@@ -53,8 +40,17 @@ TEST_F(Database, PortalNasAddressRule)
     EXPECT_STREQ(add_new_node(&m, r, PROFILE_TYPE_PORTAL, 1)->self->nas_ip_info, "198.51.100.4");
 }
 
-TEST_F(Database, TextFieldsAreCutToTheirSize)
+// The colon form reaches FreeRADIUS in the system tests; here the bare and
+// cut forms, a text of no form, and the hash of high bytes.
+TEST_F(Database, TextFieldsAreCutToTheirSizeAndForm)
 {
+    char mac[18] = {0};
+    change_mac_format(mac, "aa:bb.cc:dd:ee:0f");  // an odd character ends the text
+    EXPECT_STREQ(mac, "AA-BB");
+    change_mac_format(mac, "aabbccddee0f");
+    EXPECT_STREQ(mac, "AA-BB-CC-DD-EE-0F");
+    int high = hash_func("\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff");
+    EXPECT_TRUE(high >= 0 && high < 256);
     struct ovat_config_event cfg;
     memset(&cfg, 'x', sizeof cfg);  // no terminator anywhere
     struct accounting_radius *r = add_radius(cfg.interface, PROFILE_TYPE_NORMAL);

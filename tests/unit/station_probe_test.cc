@@ -1,6 +1,5 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,12 +26,11 @@ bool no_children() { return waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD
 // The process is gone (or a zombie of someone else), within a second.
 bool ended(pid_t pid)
 {
-    for (int i = 0; i < 100; i++) {
+    for (int i = 0; i < 100; i++, usleep(10000)) {
         std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
         std::string all((std::istreambuf_iterator<char>(stat)), {});
         if (all.empty() || all.find(") Z") != std::string::npos)
             return true;
-        usleep(10000);
     }
     return false;
 }
@@ -92,8 +90,11 @@ TEST(StationProbe, AnOvatThatHangsFloodsOrIsMissingCostsATimeOutAtMost)
              {"head -c 10000000 /dev/zero | tr '\\0' x", LOOKUP_TOO_LARGE, 0},
              {"echo 'IPv4: 192.0.2.2'; head -c 10000000 /dev/zero", LOOKUP_OK, 1},
              {"exec 1>&-; exec sleep 1000", LOOKUP_TIMED_OUT, 0},  // output closed, still running
-         }) {
-        sim.fake_ovat(script);
+             {"", LOOKUP_NOT_STARTED, 0}}) {                       // no ovat at all
+        if (script.empty())
+            setenv("PATH", (sim.dir() + "/nothing").c_str(), 1);  // restored by SimDevice
+        else
+            sim.fake_ovat(script);
         in_addr ip = {htonl(0x0a000001)};
         lookup_outcome how;
         const auto start = std::chrono::steady_clock::now();
@@ -108,14 +109,6 @@ TEST(StationProbe, AnOvatThatHangsFloodsOrIsMissingCostsATimeOutAtMost)
     std::ifstream(sleeper) >> helper;
     ASSERT_GT(helper, 0);
     EXPECT_TRUE(ended(helper));
-
-    setenv("PATH", (sim.dir() + "/nothing").c_str(), 1);  // restored by SimDevice
-    in_addr ip = {htonl(0x0a000001)};
-    lookup_outcome how;
-    EXPECT_EQ(station_address_lookup("aa:bb:cc:00:00:01", &ip, 300, &how), 0);
-    EXPECT_EQ(how.result, LOOKUP_NOT_STARTED);
-    EXPECT_EQ(ip.s_addr, 0u);
-    EXPECT_TRUE(no_children());
 }
 
 // The design reads each counter as an int up to its first non-digit, and a
