@@ -3,7 +3,6 @@
 
 #include <array>
 
-#include "daemon/control.h"
 #include "radius/client_stats.h"
 #include "test_support.h"
 
@@ -11,11 +10,12 @@ namespace {
 
 class ClientStats : public DbTest {
 protected:
-    static void add_profile(const char *iface, const char *server)
+    // A profile and its Accounting-On.
+    static struct accounting_radius *add_profile(const std::string &iface, const std::string &server)
     {
-        accounting_event_t rec;
-        accounting_event_t ev = control_event(ACCOUNTING_EVENT_INIT, profile_config(iface, server, "s"));
-        ovat_event_input(&rec, &ev, sizeof ev);
+        struct accounting_radius *r = make_profile(iface.c_str(), server.c_str(), "s");
+        transaction_begin(add_new_node_for_on_off(r), ACCOUNTING_ON);
+        return r;
     }
 
     // The row of server:1813, or an empty one with requests 99 if it has none.
@@ -41,7 +41,7 @@ TEST_F(ClientStats, OnlyAPacketThatLeftIsARequestPendingOrATimeOut)
     const radius_sendto_fn capture = radius_sendto;
     const radius_sendto_fn fail = [](int, const void *, size_t, const struct sockaddr_in *) -> ssize_t { return -1; };
     radius_sendto = fail;
-    add_profile("wlan-1-1", "127.0.0.1");
+    struct accounting_radius *profile = add_profile("wlan-1-1", "127.0.0.1");
     EXPECT_EQ(row("127.0.0.1").requests, 99u);  // no row: nothing went there
     radius_sendto = capture;
     pass(6);  // its deadline: no time-out of what never left
@@ -50,8 +50,7 @@ TEST_F(ClientStats, OnlyAPacketThatLeftIsARequestPendingOrATimeOut)
     EXPECT_EQ((std::array<uint32_t, 3>{r.requests, r.retransmissions, r.timeouts}), (std::array<uint32_t, 3>{1, 0, 0}));
     answer_last_request("s");
     accounting_msg_t m = login_record("alice", "02:00:00:00:00:01", "wlan-1-1", 60);
-    struct accounting_node *n =
-        add_new_node(&m, search_radius_by_interface("wlan-1-1", PROFILE_TYPE_NORMAL), PROFILE_TYPE_NORMAL, 0);
+    struct accounting_node *n = add_new_node(&m, profile, PROFILE_TYPE_NORMAL, 0);
     transaction_begin(n, ACCOUNTING_START);
     answer_last_request("s");
     radius_sendto = fail;
@@ -72,10 +71,8 @@ TEST_F(ClientStats, OnlyAPacketThatLeftIsARequestPendingOrATimeOut)
 
 TEST_F(ClientStats, ServersBeyondTheTableShareOneRow)
 {
-    for (int i = 1; i <= CLIENT_STATS_SERVERS + 2; i++) {
-        std::string server = "10.0.0." + std::to_string(i);
-        add_profile(("wlan-1-" + std::to_string(i)).c_str(), server.c_str());
-    }
+    for (int i = 1; i <= CLIENT_STATS_SERVERS + 2; i++)
+        add_profile("wlan-1-" + std::to_string(i), "10.0.0." + std::to_string(i));
     EXPECT_EQ(row("10.0.0.32").requests, 1u);
     EXPECT_EQ(row("10.0.0.33").requests, 99u);
     char text[CLIENT_STATS_TEXT];
