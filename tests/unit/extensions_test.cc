@@ -27,16 +27,6 @@ std::string route_of(size_t from = 0)
     return s;
 }
 
-// The server's answer to d, with the delivery counters' view of where it came from.
-void reply(const SentDatagram &d, const char *secret, uint8_t code = 5, uint8_t id_shift = 0)
-{
-    AUTH_HDR r;
-    size_t n = signed_answer(reinterpret_cast<uint8_t *>(&r), d.bytes.data(), &code, 1, secret);
-    r.id = static_cast<uint8_t>(r.id + id_shift);
-    radius_datagram from = {0, d.to, static_cast<ssize_t>(n)};
-    radius_response_input(&r, &from);
-}
-
 void run(int seconds)
 {
     for (int i = 0; i < seconds; i++)
