@@ -51,7 +51,6 @@ TEST(RadiusStream, PacketsComeWholeWhateverTheReadsCutThemInto)
         for (size_t at = 0; at < stream.size(); at += step)
             ASSERT_EQ(r.feed(stream, at, std::min(at + step, stream.size())), 0);
         EXPECT_EQ(r.got, packets) << "reads of " << step;
-        EXPECT_EQ(r.s.have, 0u);
         EXPECT_EQ(r.feed(stream, 3, 3), 0);  // an empty read changes nothing
         EXPECT_EQ(r.got, packets);
     }

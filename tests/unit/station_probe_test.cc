@@ -1,13 +1,10 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <fstream>
-#include <string>
 #include <thread>
 #include <tuple>
 #include <vector>

@@ -1,9 +1,5 @@
 // The -T file: what it takes, its defaults, and the one line each mistake gives.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <string>
 
 #include "radius/tls_config.h"
 #include "sim_env.h"
@@ -53,7 +49,8 @@ protected:
 
 }  // namespace
 
-TEST_F(TlsConfig, FreeRadiusWordsWithTheirDefaults)
+// FreeRADIUS's words, with their defaults; then each mistake.
+TEST_F(TlsConfig, WordsDefaultsAndEachMistakeInOneLineSayingWhereAndWhat)
 {
     EXPECT_EQ(load(required()), "");
     EXPECT_EQ(words(), "|2083|12|radsec");
@@ -62,10 +59,6 @@ TEST_F(TlsConfig, FreeRadiusWordsWithTheirDefaults)
                    "port\t= 2084\ntls_min_version = \"1.3\"\nsecret = \"s3cret#1\"\n"),
               "");
     EXPECT_EQ(words(), "radius.example.net|2084|13|s3cret#1");
-}
-
-TEST_F(TlsConfig, EachMistakeIsOneLineSayingWhereAndWhat)
-{
     const std::string r = required();
     const std::pair<std::string, std::string> cases[] = {
         {"ca_file = " + dir + "/ca.pem\nprivate_key_file = " + dir + "/client.key\n",
