@@ -27,16 +27,12 @@ static Bytes packet(const std::string &hex, size_t size = sizeof(AUTH_HDR))
 }
 static AUTH_HDR *hdr(Bytes &b) { return reinterpret_cast<AUTH_HDR *>(b.data()); }
 
-TEST(RadiusMsg, AttributesStandBackToBackAndAreFoundOnlyInsideThePacket)
+// How attributes are laid out shows in the compose test and at FreeRADIUS,
+// which drops a malformed packet; here how they are found.
+TEST(RadiusMsg, AttributesAreFoundOnlyInsideThePacket)
 {
-    // Length 32; an empty User-Name; vendor 01020304 in network order, subtype 5, "ww".
-    Bytes p = packet("04070014");
-    radius_msg_add_attr(hdr(p), 1, nullptr, 0);
-    radius_msg_add_vendor_attr(hdr(p), 0x01020304, 5, Bytes(2, 'w').data(), 2);
-    EXPECT_EQ(p, packet("04070020" + std::string(32, '0') + "0102" "1a0a01020304" "05047777"));
-
     // The value found, or minus the value left as it was when nothing is found.
-    p = packet("04070026" + std::string(32, '0') + "280600000001" "280600000002" "370601020304");
+    Bytes p = packet("04070026" + std::string(32, '0') + "280600000001" "280600000002" "370601020304");
     auto get = [&](unsigned short type, uint32_t v = 9) {
         return radius_msg_get_attr_int32(hdr(p), type, &v) ? -int64_t{v} : int64_t{v};
     };

@@ -2,10 +2,9 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <thread>
+#include <future>
 #include <tuple>
 #include <vector>
 
@@ -130,15 +129,12 @@ TEST(StationProbe, CountersAreWhole64BitNumbersAndWaitForTheDatabase)
     }
 
     sim.write("dbcmd_hang", "");
-    std::atomic<bool> done{false};
-    conn_t c = {0, 0};
-    std::thread worker([&] {
+    auto rx = std::async(std::launch::async, [] {
+        conn_t c = {0, 0};
         station_counters_lookup("aa:bb:cc:00:00:05", &c);
-        done = true;
+        return c.rx;
     });
-    usleep(200000);
-    EXPECT_FALSE(done);
+    EXPECT_EQ(rx.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
     unlink((sim.dir() + "/dbcmd_hang").c_str());
-    worker.join();
-    EXPECT_EQ(c.rx, 99999999999u);
+    EXPECT_EQ(rx.get(), 99999999999u);
 }
