@@ -104,8 +104,8 @@ const Path paths[] = {
     {"a UAM login", [] { is_cloud = 1; portal(); answer(); }, uam},
     {"the answer to a Start", [] { init(); answer(); login(); report(); }, answer},
     // A started session whose Start was answered waits on its interim queue.
-    {"the answer to an Interim-Update", [] { init(); answer(); login(); report(); answer(); testenv::now += 60; pass(); },
-     answer},
+    {"the answer to an Interim-Update",
+     [] { init(); answer(); login(); report(); answer(); testenv::now += 60; pass(); }, answer},
     {"the answer to an Accounting-Off", [] { init(); take_down(); }, answer},
     {"a scheduler pass that sends an Interim-Update",
      [] { init(); answer(); login(); report(); answer(); testenv::now += 60; }, pass},
