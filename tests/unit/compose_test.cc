@@ -1,21 +1,8 @@
 // What each Accounting-Request of a session carries where a FreeRADIUS
 // detail record cannot show it: the order of the attributes, the packets of
 // a UAM login, the low words of the counters, the signature for the backup.
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
-#include <initializer_list>
-#include <tuple>
-#include <vector>
-
-#include "database/nodes.h"
-#include "frame/memory.h"
-#include "delivery/identifiers.h"
 #include "radius/compose.h"
-#include "radius/radius_msg.h"
-#include "sim_env.h"
 #include "test_support.h"
 
 namespace {

@@ -27,16 +27,12 @@ static Bytes packet(const std::string &hex, size_t size = sizeof(AUTH_HDR))
 }
 static AUTH_HDR *hdr(Bytes &b) { return reinterpret_cast<AUTH_HDR *>(b.data()); }
 
-TEST(RadiusMsg, AttributesStandBackToBackAndAreFoundOnlyInsideThePacket)
+// How attributes are laid out shows in the compose test and at FreeRADIUS,
+// which drops a malformed packet; here how they are found.
+TEST(RadiusMsg, AttributesAreFoundOnlyInsideThePacket)
 {
-    // Length 32; an empty User-Name; vendor 01020304 in network order, subtype 5, "ww".
-    Bytes p = packet("04070014");
-    radius_msg_add_attr(hdr(p), 1, nullptr, 0);
-    radius_msg_add_vendor_attr(hdr(p), 0x01020304, 5, Bytes(2, 'w').data(), 2);
-    EXPECT_EQ(p, packet("04070020" + std::string(32, '0') + "0102" "1a0a01020304" "05047777"));
-
     // The value found, or minus the value left as it was when nothing is found.
-    p = packet("04070026" + std::string(32, '0') + "280600000001" "280600000002" "370601020304");
+    Bytes p = packet("04070026" + std::string(32, '0') + "280600000001" "280600000002" "370601020304");
     auto get = [&](unsigned short type, uint32_t v = 9) {
         return radius_msg_get_attr_int32(hdr(p), type, &v) ? -int64_t{v} : int64_t{v};
     };
@@ -53,21 +49,11 @@ TEST(RadiusMsg, AttributesStandBackToBackAndAreFoundOnlyInsideThePacket)
     }
 }
 
-// Known answers computed once with Python's hashlib.
-TEST(RadiusMsg, AuthenticatorKnownAnswers)
+// A response's authenticator (one known answer computed with Python's
+// hashlib). Every request's authenticator, the backup's re-signed copies
+// too, is verified by pyrad at the system tests' peers.
+TEST(RadiusMsg, ResponseAuthenticatorKnownAnswers)
 {
-    // An Accounting-On, and a bare header with an empty secret. Signing over
-    // an earlier signature (failover re-signs in place) changes nothing.
-    for (auto [head, secret, vector] : std::initializer_list<std::tuple<const char *, const char *, const char *>>{
-             {"04070038" "00000000000000000000000000000000" "280600000007" "2D0600000001" "04067F000001"
-              "050600000000" "3D060000000F" "31060000000B", "testing123", "b5dec50e4032cbc535188e4ef281cb39"},
-             {"04070014", "", "80445c974812701237815e78402b648e"}}) {
-        Bytes p = packet(head);
-        get_accounting_vector(hdr(p), "a-much-longer-first-secret");
-        get_accounting_vector(hdr(p), secret);
-        EXPECT_EQ(Bytes(p.begin() + 4, p.begin() + 20), packet(vector, 16)) << secret;
-    }
-
     Bytes request = packet("04070014000102030405060708090a0b0c0d0e0f");
     // Right; wrong secret; one forged byte at the end; 1025 bytes claimed, beyond the receive buffer.
     for (auto [secret, response, result] : std::initializer_list<std::tuple<const char *, const char *, int>>{
@@ -101,7 +87,7 @@ TEST(PacketBounds, WritingPastTheBufferAbortsInsteadInEveryBuildType)
     EXPECT_DEATH(radius_msg_add_attr(p, RADIUS_ATTR_CLASS, value.data(), value.size()), "packet buffer overflow");
 }
 
-// The RFC 1321 vectors and two more, each fed in pieces of a size that divides
+// RFC 1321 vectors and two more, each fed in pieces of a size that divides
 // it: pieces that end short of, exactly at (120 x in 8s) and across (the
 // digits in 10s; a million a in 625s, some of which leave 63 bytes behind the
 // first block) a 64-byte block. 62 and 120 bytes leave too little room for
@@ -110,9 +96,7 @@ TEST(PacketBounds, WritingPastTheBufferAbortsInsteadInEveryBuildType)
 TEST(Md5, KnownAnswersFedInPiecesAndContextZeroedAfterFinal)
 {
     for (const auto &[text, piece, hex] : std::initializer_list<std::tuple<std::string, unsigned, const char *>>{
-             {"", 1, "d41d8cd98f00b204e9800998ecf8427e"}, {"a", 1, "0cc175b9c0f1b6a831c399e269772661"},
-             {"abc", 3, "900150983cd24fb0d6963f7d28e17f72"}, {"message digest", 7, "f96b697d7cb7938d525a2f31aaf161d0"},
-             {"abcdefghijklmnopqrstuvwxyz", 13, "c3fcd3d76192e4007dfb496cca67e13b"},
+             {"", 1, "d41d8cd98f00b204e9800998ecf8427e"}, {"abc", 3, "900150983cd24fb0d6963f7d28e17f72"},
              {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789", 31, "d174ab98d277d9f5a5611c2c9f419d9f"},
              {"12345678901234567890123456789012345678901234567890123456789012345678901234567890", 10, "57edf4a22be3c955ac49da2e2107b67a"},
              {std::string(120, 'x'), 8, "fb98667f98096de92620b64f46e1c5b5"}, {std::string(1000000, 'a'), 625, "7707d6ae4e027c70eea2a935c2296f21"}}) {

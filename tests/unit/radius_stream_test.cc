@@ -35,41 +35,25 @@ struct Reader {
     }
 };
 
-Bytes join(std::initializer_list<Bytes> parts)
-{
-    Bytes all;
-    for (const Bytes &p : parts)
-        all.insert(all.end(), p.begin(), p.end());
-    return all;
-}
-
 }  // namespace
 
 TEST(RadiusStream, PacketsComeWholeWhateverTheReadsCutThemInto)
 {
-    // The smallest and the largest packet with one between, cut at every
-    // place of the first 30 bytes and then in reads of 1, 3, 7 and 1000 bytes.
+    // The smallest and the largest packet with one between, in reads of 1, 3,
+    // 7 and 1000 bytes (every cut of a header; reads that end some packets
+    // and begin others); the fuzz target cuts them at random.
     const std::vector<Bytes> packets = {packet(20, 1), packet(4096, 2), packet(38, 3)};
-    const Bytes stream = join({packets[0], packets[1], packets[2]});
-    for (size_t cut = 0; cut <= 30; cut++) {
-        Reader r;
-        EXPECT_EQ(r.feed(stream, 0, cut), 0);
-        EXPECT_EQ(r.feed(stream, cut, stream.size()), 0);
-        EXPECT_EQ(r.got, packets) << "cut at " << cut;
-        EXPECT_EQ(r.s.have, 0u);
-    }
+    Bytes stream;
+    for (const Bytes &p : packets)
+        stream.insert(stream.end(), p.begin(), p.end());
     for (size_t step : {1, 3, 7, 1000}) {
         Reader r;
         for (size_t at = 0; at < stream.size(); at += step)
             ASSERT_EQ(r.feed(stream, at, std::min(at + step, stream.size())), 0);
         EXPECT_EQ(r.got, packets) << "reads of " << step;
+        EXPECT_EQ(r.feed(stream, 3, 3), 0);  // an empty read changes nothing
+        EXPECT_EQ(r.got, packets);
     }
-    // An empty read changes nothing.
-    Reader r;
-    EXPECT_EQ(r.feed(stream, 0, 3), 0);
-    EXPECT_EQ(r.feed(stream, 3, 3), 0);
-    EXPECT_EQ(r.feed(stream, 3, 20), 0);
-    EXPECT_EQ(r.got, std::vector<Bytes>{packets[0]});
 }
 
 TEST(RadiusStream, ALengthOutOfRangeEndsTheStreamAfterThePacketsBeforeIt)
@@ -77,7 +61,8 @@ TEST(RadiusStream, ALengthOutOfRangeEndsTheStreamAfterThePacketsBeforeIt)
     for (size_t bad : {0, 19, 4097, 0xffff}) {
         Bytes header = packet(20, 9);
         header[2] = static_cast<uint8_t>(bad >> 8), header[3] = static_cast<uint8_t>(bad);
-        const Bytes stream = join({packet(20, 1), header});
+        Bytes stream = packet(20, 1);
+        stream.insert(stream.end(), header.begin(), header.end());
         // Whole in one read; cut inside the bad Length, so that the
         // buffered header is what is checked.
         for (size_t cut : {stream.size(), size_t{23}}) {

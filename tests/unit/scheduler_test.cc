@@ -1,17 +1,6 @@
 // The scheduler, and the request, fail and interim queues and the retries
 // that it drives.
-#include <arpa/inet.h>
 
-#include <utility>
-#include <vector>
-
-#include "database/nodes.h"
-#include "database/profiles.h"
-#include "delivery/queues.h"
-#include "delivery/scheduler.h"
-#include "delivery/transaction.h"
-#include "frame/memory.h"
-#include "radius/radius_msg.h"
 #include "test_support.h"
 
 static struct list_head a, b, c, d, *const rq = &request_queue_header, *const fq = &fail_queue_header;

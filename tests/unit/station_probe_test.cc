@@ -1,15 +1,12 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <fstream>
-#include <string>
-#include <thread>
+#include <future>
+#include <tuple>
+#include <vector>
 
 #include "platform/station_lookups.h"
 #include "platform/station_probe.h"
@@ -25,19 +22,20 @@ bool no_children() { return waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD
 // The process is gone (or a zombie of someone else), within a second.
 bool ended(pid_t pid)
 {
-    for (int i = 0; i < 100; i++) {
+    for (int i = 0; i < 100; i++, usleep(10000)) {
         std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
         std::string all((std::istreambuf_iterator<char>(stat)), {});
         if (all.empty() || all.find(") Z") != std::string::npos)
             return true;
-        usleep(10000);
     }
     return false;
 }
 
 }  // namespace
 
-// The design's pipeline, run through sh, is the reference for every output.
+// The shell-less look-ups beside the design's (whal_getip and
+// get_connection_status_by_ip): the design's pipeline, run through sh, is
+// the reference for every output of ovat.
 TEST(StationProbe, DecidesAsTheShellPipelineForEveryOutput)
 {
     SimDevice sim;
@@ -73,6 +71,7 @@ TEST(StationProbe, DecidesAsTheShellPipelineForEveryOutput)
     lookup_outcome how;
     EXPECT_EQ(address(station_address_lookup("AA'; x; '", &ip, 0, &how), ip), "none 0.0.0.0");
     EXPECT_EQ(how.result, LOOKUP_NOT_STARTED);
+    EXPECT_EQ(address(whal_getip("AA'; x; '", &ip), ip), "none 0.0.0.0");  // nor the design's shell
     EXPECT_NE(access((sim.dir() + "/ran").c_str(), F_OK), 0);
     EXPECT_TRUE(no_children());
 }
@@ -87,8 +86,11 @@ TEST(StationProbe, AnOvatThatHangsFloodsOrIsMissingCostsATimeOutAtMost)
              {"head -c 10000000 /dev/zero | tr '\\0' x", LOOKUP_TOO_LARGE, 0},
              {"echo 'IPv4: 192.0.2.2'; head -c 10000000 /dev/zero", LOOKUP_OK, 1},
              {"exec 1>&-; exec sleep 1000", LOOKUP_TIMED_OUT, 0},  // output closed, still running
-         }) {
-        sim.fake_ovat(script);
+             {"", LOOKUP_NOT_STARTED, 0}}) {                       // no ovat at all
+        if (script.empty())
+            setenv("PATH", (sim.dir() + "/nothing").c_str(), 1);  // restored by SimDevice
+        else
+            sim.fake_ovat(script);
         in_addr ip = {htonl(0x0a000001)};
         lookup_outcome how;
         const auto start = std::chrono::steady_clock::now();
@@ -103,40 +105,36 @@ TEST(StationProbe, AnOvatThatHangsFloodsOrIsMissingCostsATimeOutAtMost)
     std::ifstream(sleeper) >> helper;
     ASSERT_GT(helper, 0);
     EXPECT_TRUE(ended(helper));
-
-    setenv("PATH", (sim.dir() + "/nothing").c_str(), 1);  // restored by SimDevice
-    in_addr ip = {htonl(0x0a000001)};
-    lookup_outcome how;
-    EXPECT_EQ(station_address_lookup("aa:bb:cc:00:00:01", &ip, 300, &how), 0);
-    EXPECT_EQ(how.result, LOOKUP_NOT_STARTED);
-    EXPECT_EQ(ip.s_addr, 0u);
-    EXPECT_TRUE(no_children());
 }
 
+// The design reads each counter as an int up to its first non-digit, and a
+// counter 0, missing or beyond an int zeroes both; ours take whole 64-bit
+// numbers or nothing.
 TEST(StationProbe, CountersAreWhole64BitNumbersAndWaitForTheDatabase)
 {
     SimDevice sim;
-    sim.write("mac", "02:00:00:00:00:aa\n");
-    sim.write("stations", "aa:bb:cc:00:00:01 - 12abc 7\naa:bb:cc:00:00:02 - 5000000000 7\n"
-                          "aa:bb:cc:00:00:03 - 0 5\naa:bb:cc:00:00:04 - 5 -\n");
-    for (auto [mac, rx, tx] : std::initializer_list<std::tuple<const char *, uint64_t, uint64_t>>{
-             {"aa:bb:cc:00:00:01", 0, 0}, {"aa:bb:cc:00:00:02", 5000000000, 7}, {"aa:bb:cc:00:00:03", 0, 0},
-             {"aa:bb:cc:00:00:04", 0, 0}, {"aa:bb:cc:00:00:05", 0, 0}}) {
-        conn_t c = {7, 7};
-        EXPECT_EQ(station_counters_lookup(mac, &c), rx ? 1 : 0) << mac;
-        EXPECT_EQ(std::make_pair(c.rx, c.tx), std::make_pair(rx, tx)) << mac;
+    sim.write("mac", "02:00:00:00:00:aa\n");  // the device's MAC names the statistics table
+    sim.write("stations", "aa:bb:cc:00:00:01 - 12abc 7\naa:bb:cc:00:00:02 - 100 0\naa:bb:cc:00:00:03 - - 5\n"
+                          "aa:bb:cc:00:00:04 - 5 -\naa:bb:cc:00:00:05 - 99999999999 7\n");
+    using Row = std::tuple<const char *, conn_t, conn_t>;  // the MAC, the design's and our {rx, tx}
+    for (auto [mac, design, ours] : std::initializer_list<Row>{
+             {"aa:bb:cc:00:00:01", {12, 7}, {0, 0}}, {"aa:bb:cc:00:00:02", {0, 0}, {0, 0}},
+             {"aa:bb:cc:00:00:03", {0, 0}, {0, 0}}, {"aa:bb:cc:00:00:04", {0, 0}, {0, 0}},
+             {"aa:bb:cc:00:00:05", {0, 0}, {99999999999, 7}}, {"aa:bb:cc:00:00:06", {0, 0}, {0, 0}}}) {
+        conn_t c = {7, 7}, d = {7, 7};
+        EXPECT_EQ(get_connection_status_by_ip(mac, &d), 0);
+        EXPECT_EQ(station_counters_lookup(mac, &c), ours.rx ? 1 : 0) << mac;
+        EXPECT_EQ((std::vector<uint64_t>{d.rx, d.tx, c.rx, c.tx}),
+                  (std::vector<uint64_t>{design.rx, design.tx, ours.rx, ours.tx})) << mac;
     }
 
     sim.write("dbcmd_hang", "");
-    std::atomic<bool> done{false};
-    conn_t c = {0, 0};
-    std::thread worker([&] {
-        station_counters_lookup("aa:bb:cc:00:00:02", &c);
-        done = true;
+    auto rx = std::async(std::launch::async, [] {
+        conn_t c = {0, 0};
+        station_counters_lookup("aa:bb:cc:00:00:05", &c);
+        return c.rx;
     });
-    usleep(200000);
-    EXPECT_FALSE(done);
+    EXPECT_EQ(rx.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
     unlink((sim.dir() + "/dbcmd_hang").c_str());
-    worker.join();
-    EXPECT_EQ(c.rx, 5000000000u);
+    EXPECT_EQ(rx.get(), 99999999999u);
 }

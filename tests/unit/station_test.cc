@@ -1,33 +1,22 @@
 // Station thread inputs as raw bytes: what the driver, the authenticator
 // and the HAL can send that the system tests cannot easily shape.
-#include <arpa/inet.h>
 #include <climits>
-#include <cstring>
 #include <regex>
-#include <string>
-#include <tuple>
-#include <vector>
 
-#include "database/nodes.h"
-#include "database/portal_users.h"
 #include "events/driver_events.h"
 #include "events/session_stop.h"
 #include "events/station_events.h"
-#include "frame/meterd.h"
-#include "radius/radius_msg.h"
-#include "sim_env.h"
 #include "test_support.h"
 
 namespace {
 
 const uint8_t MAC[6] = {0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0x01};
 
-std::vector<uint8_t> nl_event(uint16_t cmd, const char *ifname, uint64_t tx = 0, uint64_t rx = 0)
-{
-    return driver_message(cmd, ifname, MAC, tx, rx);
-}
-
 void feed(const std::vector<uint8_t> &d) { netlink_input(d.data(), d.size()); }
+void driver(uint16_t cmd, const char *ifname, uint64_t tx = 0, uint64_t rx = 0)
+{
+    feed(driver_message(cmd, ifname, MAC, tx, rx));
+}
 
 class Station : public DbTest {
 protected:
@@ -63,7 +52,6 @@ TEST_F(Station, LoginsWaitForTheirReportOneAtATime)
     report();
     EXPECT_EQ(a->self->user->accounting_start, 1);
     EXPECT_EQ(b->self->user->accounting_start, 0);
-    EXPECT_EQ(a->self->user->user_ip.s_addr, inet_addr("10.0.0.7"));
     EXPECT_EQ(testenv::sent.size(), 1u);
     report();
     EXPECT_EQ(b->self->user->accounting_start, 1);
@@ -73,44 +61,36 @@ TEST_F(Station, LoginsWaitForTheirReportOneAtATime)
 TEST_F(Station, StopOfEachKindOfSession)
 {
     session(false);
-    feed(nl_event(SARNET_CMD_STA_DISASSOC, "wlan-1-1"));
+    driver(SARNET_CMD_STA_DISASSOC, "wlan-1-1");
     EXPECT_TRUE(list_empty(&mac_address_header));  // never started: gone, no packet
     EXPECT_EQ(testenv::sent.size(), 0u);
 
     struct accounting_node *n = session(true);  // the Start stays unanswered
-    feed(nl_event(SARNET_CMD_STA_COUNTERS, "wlan-1-1", 700, 900));
-    feed(nl_event(SARNET_CMD_STA_COUNTERS, "wlan-1-1", 5, 0));  // a zero in the pair: not stored
+    driver(SARNET_CMD_STA_COUNTERS, "wlan-1-1", 700, 900);
+    driver(SARNET_CMD_STA_COUNTERS, "wlan-1-1", 5, 0);  // a zero in the pair: not stored
     EXPECT_EQ(n->self->conn_tx_rx_status.tx, 700u);
     EXPECT_EQ(n->self->conn_tx_rx_status.rx, 900u);
-    feed(nl_event(SARNET_CMD_STA_DISASSOC, "wlan-1-2"));  // another interface
+    driver(SARNET_CMD_STA_DISASSOC, "wlan-1-2");  // another interface
     EXPECT_EQ(testenv::sent.size(), 1u);
-    feed(nl_event(SARNET_CMD_STA_DISASSOC, "wlan-1-1"));
+    driver(SARNET_CMD_STA_DISASSOC, "wlan-1-1");
     ASSERT_EQ(testenv::sent.size(), 2u);
     uint32_t status = 0;
     radius_msg_get_attr_int32(n->self->request, 40, &status);
-    EXPECT_EQ(status, 2u);  // a new packet: the Stop
-    EXPECT_EQ(n->self->user->uam_logout_cause, 4);
+    EXPECT_EQ(status, 2u);  // a new packet: the Stop (its attributes and cause are the system test's)
     EXPECT_TRUE(list_empty(&mac_address_header));
-    EXPECT_EQ(accounting_update_tx_rx("AA-BB-CC-DD-EE-01", PROFILE_TYPE_NORMAL, &n->self->conn_tx_rx_status), 0);
 }
 
 TEST_F(Station, DriverDatagramsAreReadOnlyWithinTheirBytes)
 {
     struct accounting_node *n = session(true);
     auto stopped = [&] { return list_empty(&mac_address_header); };
-    std::vector<uint8_t> ev = nl_event(SARNET_CMD_STA_DISASSOC, "wlan-1-1");
+    std::vector<uint8_t> ev = driver_message(SARNET_CMD_STA_DISASSOC, "wlan-1-1", MAC);
 
-    // Cut datagrams, a message longer than what came, a bad attribute length.
-    for (size_t len : {ev.size() - 1, size_t{40}, size_t{15}})
-        netlink_input(ev.data(), len);
-    std::vector<uint8_t> bad = ev;
-    bad[SARNET_ATTR_OFFSET] = 3;
-    feed(bad);
-    bad[SARNET_ATTR_OFFSET] = 0xff;  // past the message
-    feed(bad);
+    // A cut datagram (what may lie past its bytes is fuzz_netlink's to find).
+    netlink_input(ev.data(), ev.size() - 1);
     // A name that gives no indexes, and an OWE WLAN without its record: dropped.
     for (const char *name : {"br0", "wlan-1-14"})
-        feed(nl_event(SARNET_CMD_STA_DISASSOC, name));
+        driver(SARNET_CMD_STA_DISASSOC, name);
     EXPECT_FALSE(stopped());
     EXPECT_NE(n->self->user->accounting_start, 0);
     // The tenth WLAN never stops a session, even one that runs there.
@@ -118,7 +98,7 @@ TEST_F(Station, DriverDatagramsAreReadOnlyWithinTheirBytes)
     accounting_msg_t m = login_record("dave", "aa:bb:cc:dd:ee:01", "wlan-1-10");
     station_login_input(&m, sizeof m);
     report();
-    feed(nl_event(SARNET_CMD_STA_DISASSOC, "wlan-1-10"));
+    driver(SARNET_CMD_STA_DISASSOC, "wlan-1-10");
     EXPECT_EQ(list_length(&mac_address_header), 2u);
     // Index tokens beyond int are cut to it rather than left undefined.
     int radio = 0, wlan = 0;
@@ -135,17 +115,25 @@ TEST_F(Station, DriverDatagramsAreReadOnlyWithinTheirBytes)
     EXPECT_TRUE(stopped());
 }
 
-TEST_F(Station, CloudAssociationAddressAndOweRule)
+// A device MAC that cannot be read is reported with each session it would name.
+TEST_F(Station, CloudAssociationAddressOweRuleAndUnreadableDeviceMac)
 {
+    Captured out;
     is_cloud = 1;
+    const std::string ap_mac = global_ap_mac;
+    global_ap_mac[0] = '\0';
     struct accounting_radius *portal = make_profile("wlan-1-3", "127.0.0.1", "k", "", "", PROFILE_TYPE_PORTAL);
-    ASSERT_NE(portal_user_add("aa:bb:cc:dd:ee:01", "carol", "Guest", "SSID3"), nullptr);
+    for (int i = 0; i < 2; i++)  // twice: each opens a session that names the device, ending the one before
+        ASSERT_NE(portal_user_add("aa:bb:cc:dd:ee:01", "carol", "Guest", "SSID3"), nullptr);
     dev.write("owe", "1 14 3\n");
-    feed(nl_event(SARNET_CMD_STA_ASSOC, "wlan-1-14"));  // the open SSID of WLAN 14 is 3
+    driver(SARNET_CMD_STA_ASSOC, "wlan-1-14");  // the open SSID of WLAN 14 is 3
+    copy_text(global_ap_mac, sizeof global_ap_mac, ap_mac.c_str());
     ASSERT_EQ(list_length(&portal_mac_address_header), 1u);
     auto *n = list_entry(portal_mac_address_header.next, struct accounting_node, address_sorting_list);
     EXPECT_STREQ(n->self->user->user_name, "carol");
     EXPECT_EQ(n->self->acct_radius, portal);
+    const std::string said = out.text(), trace = "unknow format !!!";
+    EXPECT_EQ((said.size() - std::regex_replace(said, std::regex(trace), "").size()) / trace.size(), 2u);
 
     // The address stands hdr.len bytes into the record: dropped where it
     // would lie beyond what the driver sent (one byte short at 189 of 192),
@@ -153,7 +141,7 @@ TEST_F(Station, CloudAssociationAddressAndOweRule)
     // four of 200).
     struct accounting_node *s = session(false);
     for (auto [at, extra, addr] : {std::tuple<uint16_t, size_t, uint32_t>{189, 0, 9}, {196, 8, 11}}) {
-        std::vector<uint8_t> ip = nl_event(SARNET_CMD_STA_IP, "wlan-1-1");
+        std::vector<uint8_t> ip = driver_message(SARNET_CMD_STA_IP, "wlan-1-1", MAC);
         ip.resize(ip.size() + extra);
         const size_t req = SARNET_ATTR_OFFSET + 4 + offsetof(sarnet_event, data);
         uint32_t total = static_cast<uint32_t>(ip.size());
@@ -165,21 +153,6 @@ TEST_F(Station, CloudAssociationAddressAndOweRule)
         feed(ip);
     }
     EXPECT_EQ(s->self->user->user_ip.s_addr, 11u);
-}
-
-TEST_F(Station, UnreadableDeviceMacIsReportedWithEachSessionItWouldName)
-{
-    Captured out;
-    is_cloud = 1;
-    const std::string ap_mac = global_ap_mac;
-    global_ap_mac[0] = '\0';
-    make_profile("wlan-1-3", "127.0.0.1", "k", "", "", PROFILE_TYPE_PORTAL);
-    for (int i = 0; i < 2; i++)
-        portal_user_add("aa:bb:cc:dd:ee:01", "carol", "Guest", "SSID3");
-    feed(nl_event(SARNET_CMD_STA_ASSOC, "wlan-1-3"));
-    copy_text(global_ap_mac, sizeof global_ap_mac, ap_mac.c_str());
-    const std::string said = out.text(), trace = "unknow format !!!";
-    EXPECT_EQ((said.size() - std::regex_replace(said, std::regex(trace), "").size()) / trace.size(), 2u);
 }
 
 }  // namespace

@@ -3,17 +3,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
-
-#include "database/portal_users.h"
-#include "database/profiles.h"
-#include "delivery/transaction.h"
 #include "frame/clock.h"
 #include "frame/console.h"
-#include "delivery/identifiers.h"
-#include "delivery/policy.h"
-#include "radius/radius_msg.h"
-#include "radius/radius_send_recieve.h"
+#include "radius/client_stats.h"
 
 namespace testenv {
 time_t now = 1000000;
@@ -38,6 +30,7 @@ void DbTest::SetUp()
     mtr_set_clock([] { return testenv::now; });
     radius_sendto = capture_send;
     transaction_init();
+    client_stats_clear();
     console_path = "/dev/null";
     debug = 1;  // the traces run, and a test that reads them captures them
     is_cloud = 1;
@@ -100,11 +93,13 @@ struct accounting_radius *DbTest::make_profile(const char *iface, const char *pr
     return r && update_radius_profile(r, &cfg, type) == 0 ? r : nullptr;
 }
 
-void answer_last_request(const char *secret, int source)
+void reply(const SentDatagram &d, const char *secret, uint8_t code, uint8_t id_shift, int source)
 {
     AUTH_HDR r;
-    signed_answer(reinterpret_cast<uint8_t *>(&r), testenv::sent.back().bytes.data(), nullptr, 0, secret);
-    // From the server it went to, the whole answer read.
-    radius_datagram d = {source, testenv::sent.back().to, ntohs(r.length)};
-    radius_response_input(&r, source ? &d : nullptr);
+    size_t n = signed_answer(reinterpret_cast<uint8_t *>(&r), d.bytes.data(), &code, 1, secret);
+    r.id = static_cast<uint8_t>(r.id + id_shift);
+    radius_datagram from = {source, d.to, static_cast<ssize_t>(n)};
+    radius_response_input(&r, &from);
 }
+
+void answer_last_request(const char *secret, int source) { reply(testenv::sent.back(), secret, 5, 0, source); }
