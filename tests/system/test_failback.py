@@ -18,32 +18,15 @@ PROBE_FIRST, PROBE_CAP, TICK = 10, 30, 3
 devsim, meterctl = harness.tool('devsim'), harness.tool('meterctl', check=False)
 
 
-class Server(FreeRadius):
-    # FreeRADIUS with SQL accounting that answers Status-Server or, as its security section may
-    # say, ignores it.
-
-    def __init__(self, port, status_server=True):
-        super().__init__(SECRET, port, sql=True)
-        self.status_server = status_server
-
-    def config(self):
-        return super().config() + 'security {\n\tstatus_server = %s\n}\n' % 'no yes'.split()[self.status_server]
-
-    def kinds(self):
-        # What each detail record was: (Acct-Status-Type, Acct-Session-Id).
-        return [(r['Acct-Status-Type'], r.get('Acct-Session-Id', '')) for r in self.records()]
-
-    def rows(self):
-        return {r['acctsessionid']: r for r in self.radacct()}
+Server = lambda port, status_server=True: FreeRadius(SECRET, port, sql=True, status_server=status_server)
 
 
 class Failback(harness.SystemTest):
 
     def meterd(self, keep=True):
-        daemon = Meterd(['-d', '-k'] if keep else ['-d'], speed=SPEED)
-        if not keep and harness.EXTENDED:
-            daemon.args = ['-d', '-gicr']  # every extension but -k
-        return self.start(daemon)
+        # Without -k, in extended mode every extension but -k.
+        return self.start(Meterd(['-d', '-k'], speed=SPEED) if keep else
+                          Meterd(['-d'] + ['-gicr'] * harness.EXTENDED, speed=SPEED, exact=True))
 
     def login(self, session, mac, interim=0):
         # A session that begins (its Start goes) when the station is reported; returns that moment.
@@ -54,14 +37,11 @@ class Failback(harness.SystemTest):
         return time.monotonic()
 
     def leave(self, mac):
-        devsim('disassoc', '--mac', mac, '--iface', 'wlan-1-1')
-        return time.monotonic()
+        return devsim('disassoc', '--mac', mac, '--iface', 'wlan-1-1') and time.monotonic()
 
     def states(self):
         # meterctl stats --json: each server's state by its port, and the backlog.
-        result = meterctl('stats', '--json')
-        self.assertEqual(result.returncode, 0, result.stderr)
-        report = json.loads(result.stdout)
+        report = json.loads(meterctl('stats', '--json').stdout)
         return {s['port']: s for s in report['states']}, report['backlog']
 
     def until(self, found, seconds, what):
