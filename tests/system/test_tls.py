@@ -2,6 +2,7 @@
 """RADIUS over TLS with the building blocks alone (the -T file, the TLS seam, the stream reader, the
 packet functions, through build/tls_probe) against FreeRADIUS's own TLS listener: accounting
 answered and recorded, and each refusal told apart, with nothing reaching the server."""
+import pathlib
 import socket
 import threading
 
@@ -21,10 +22,9 @@ class Tls(harness.SystemTest):
         # The probe's line for a -T file with our client pair, the CA and `keys`.
         cert, key = self.certs.pair(client)
         lines = dict(ca_file=self.certs.pair('ca')[0], certificate_file=cert, private_key_file=key, **keys)
-        with open('/tmp/meterd-tls.conf', 'w') as f:
-            f.write(''.join('%s = %s\n' % kv for kv in lines.items()))
+        pathlib.Path('/tmp/meterd-tls.conf').write_text(''.join('%s = %s\n' % kv for kv in lines.items()))
         result = probe('/tmp/meterd-tls.conf', address, count)
-        self.assertEqual(result.stderr, "")
+        self.assertEqual(result.stderr, '')
         return result.stdout.strip()
 
     def test_accounting_answered_and_recorded(self):
@@ -51,12 +51,10 @@ class Tls(harness.SystemTest):
         ]
         for cert, args, line in cases:
             with self.subTest(cert=cert, **args):
-                server = FreeRadius('testing123', tls=self.certs, tls_cert=cert)
-                self.start(server)
+                server = self.start(FreeRadius('testing123', tls=self.certs, tls_cert=cert))
                 got = self.probe(**args)
                 server.stop()
-                self.assertEqual(got, line)
-                self.assertEqual(server.records(), [])
+                self.assertEqual((got, server.records()), (line, []))
 
     def test_a_listener_that_does_not_speak_tls(self):
         # One that answers in plain text, one that hangs up, one that never answers.
@@ -72,8 +70,7 @@ class Tls(harness.SystemTest):
                         conn.sendall(reply)
                         conn.close()
                 threading.Thread(target=serve, daemon=True).start()
-                got = self.probe()
-                self.assertEqual(got, line)
+                self.assertEqual(self.probe(), line)
 
 
 if __name__ == '__main__':
