@@ -27,7 +27,7 @@ class Tls(harness.SystemTest):
         self.assertEqual(result.stderr, '')
         return result.stdout.strip()
 
-    def test_accounting_answered_and_recorded(self):
+    def test_accounting_answered_and_recorded_and_each_refusal_told_apart(self):
         server = self.start(FreeRadius('testing123', tls=self.certs))
         # The address in the certificate, then its DNS name; each packet in a record of its own,
         # also 50 back to back: FreeRADIUS closes a connection where two share one.
@@ -37,24 +37,21 @@ class Tls(harness.SystemTest):
         records = server.wait_records(51)
         self.assertEqual(sorted((r['User-Name'], r['Acct-Session-Id']) for r in records),
                          sorted([('probe-%d' % i, 'tls-probe-%d' % i) for i in [0] + list(range(50))]))
-        # A wrong secret inside TLS: FreeRADIUS drops what it cannot verify.
-        self.assertEqual(self.probe(secret='not-radsec'), 'no answer: 0 of 1 answered')
-
-    def test_each_refusal_is_told_apart_and_nothing_is_recorded(self):
-        cases = [
-            # (the server's certificate, probe arguments, the line)
-            ('rogue', {}, 'certificate refused: unable to get local issuer certificate'),
-            ('expired', {}, 'certificate refused: certificate has expired'),
-            ('server', dict(server_name='other.test'), 'certificate refused: hostname mismatch'),
-            ('server', dict(address='127.0.0.2'), 'certificate refused: IP address mismatch'),
-            ('server', dict(client='rogue-client'), 'refused by the server: closed after asking for our certificate'),
-        ]
-        for cert, args, line in cases:
+        # A wrong secret inside TLS (FreeRADIUS drops what it cannot verify), then each refusal: none
+        # is recorded.
+        for cert, args, line in [
+                ('server', dict(secret='not-radsec'), 'no answer: 0 of 1 answered'),
+                ('server', dict(server_name='other.test'), 'certificate refused: hostname mismatch'),
+                ('server', dict(address='127.0.0.2'), 'certificate refused: IP address mismatch'),
+                ('server', dict(client='rogue-client'), 'refused by the server: closed after asking for our certificate'),
+                ('rogue', {}, 'certificate refused: unable to get local issuer certificate'),
+                ('expired', {}, 'certificate refused: certificate has expired')]:
             with self.subTest(cert=cert, **args):
-                server = self.start(FreeRadius('testing123', tls=self.certs, tls_cert=cert))
-                got = self.probe(**args)
-                server.stop()
-                self.assertEqual((got, server.records()), (line, []))
+                if cert != server.tls_cert:
+                    server.stop()
+                    server = self.start(FreeRadius('testing123', tls=self.certs, tls_cert=cert))
+                # Later servers share the first one's detail file.
+                self.assertEqual((self.probe(**args), len(server.records())), (line, 51))
 
     def test_a_listener_that_does_not_speak_tls(self):
         # One that answers in plain text, one that hangs up, one that never answers.
