@@ -223,15 +223,13 @@ class Peer(threading.Thread):
         return {'short': whole[:10], 'empty': b''}.get(action, whole)
 
     def wait(self, n, timeout=5.0):
-        # Waits for `n` datagrams; returns all, each checked (by pyrad) to be signed with our secret.
-        from pyrad import dictionary, packet
+        # Waits for `n` datagrams; returns all, each checked to be signed with our secret.
         _poll(lambda: len(self.received) >= n, timeout,
               lambda: 'peer on port %d got %d datagrams, wanted %d' % (self.port, len(self.received), n))
-        data = [d for _, d in self.received]
-        for d in data:
-            request = packet.AcctPacket(dict=dictionary.Dictionary(), secret=self.secret.encode(), packet=d)
-            assert request.VerifyAcctRequest(), 'not signed with %r: %s' % (self.secret, d.hex())
-        return data
+        for _, d in self.received:
+            signed = hashlib.md5(d[:4] + bytes(16) + d[4 + 16:] + self.secret.encode()).digest() == d[4:20]
+            assert signed, 'not signed with %r: %s' % (self.secret, d.hex())
+        return [d for _, d in self.received]
 
     def stop(self):
         self.sock.close()
