@@ -130,7 +130,7 @@ class FreeRadius:
         self.log_path, self.proc = self.dir + '/log', None
 
     def config(self):
-        head = ([_SQL_HEAD] if self.sql else []) + ['security { status_server = %s }' % 'no yes'.split()[self.status_server]]
+        head = [_SQL_HEAD] * self.sql + ['security { status_server = %s }' % 'no yes'.split()[self.status_server]]
         tls_listen = ''
         if self.tls:
             head += [] if self.sql else [_THREADS]
@@ -148,8 +148,8 @@ class FreeRadius:
             f.write(self.config())
         # A TLS listener needs threads, which -X turns off: its debugging
         # comes with -xx instead, for the log of a failing test.
-        harness._spawn(self, ['freeradius', '-f'] + ['-xx'] * bool(self.tls) + ['-d', self.dir, '-l', '/dev/stderr'], self.log_path,
-                       lambda: 'Ready to process' in harness.read_file(self.log_path))
+        harness._spawn(self, ['freeradius', '-f'] + ['-xx'] * bool(self.tls) + ['-d', self.dir, '-l', '/dev/stderr'],
+                       self.log_path, lambda: 'Ready to process' in harness.read_file(self.log_path))
 
     def stop(self):
         # Also once more after a test stopped it.

@@ -58,8 +58,7 @@ class Stats(harness.SystemTest):
         return json.loads(result.stdout)
 
     def server(self, report, address, port):
-        rows = [s for s in report['servers'] if (s['address'], s['port']) == (address, port)]
-        return rows[0] if rows else {}
+        return next((s for s in report['servers'] if (s['address'], s['port']) == (address, port)), {})
 
     def test_figures_are_what_the_servers_counted(self):
         daemon = self.start(Meterd(speed=10))

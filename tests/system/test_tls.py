@@ -43,7 +43,8 @@ class Tls(harness.SystemTest):
                 ('server', dict(secret='not-radsec'), 'no answer: 0 of 1 answered'),
                 ('server', dict(server_name='other.test'), 'certificate refused: hostname mismatch'),
                 ('server', dict(address='127.0.0.2'), 'certificate refused: IP address mismatch'),
-                ('server', dict(client='rogue-client'), 'refused by the server: closed after asking for our certificate'),
+                ('server', dict(client='rogue-client'),
+                 'refused by the server: closed after asking for our certificate'),
                 ('rogue', {}, 'certificate refused: unable to get local issuer certificate'),
                 ('expired', {}, 'certificate refused: certificate has expired')]:
             with self.subTest(cert=cert, **args):
