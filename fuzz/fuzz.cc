@@ -26,7 +26,6 @@
 #include <netdb.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -47,7 +46,6 @@
 #include "daemon/control.h"
 #include "platform/sim/sim.h"
 #include "radius/client_stats.h"
-#include "radius/compose.h"
 #include "radius/radius_msg.h"
 #include "radius/radius_send_recieve.h"
 #include "radius/radius_stream.h"
@@ -112,14 +110,10 @@ void control_input(const void *bytes, size_t n)
     // nothing but the record's bytes, like any event outside the table.
     accounting_event_t next = control_rec;
     memcpy(&next, bytes, std::min(n, sizeof next));
-    if (next.event_id == ACCOUNTING_EVENT_DELIVERY_STATS) {
-        std::string before = daemon_state();
-        ovat_event_input(&control_rec, bytes, n);
-        if (daemon_state() != before)
-            __builtin_trap();
-        return;
-    }
+    std::string before = next.event_id == ACCOUNTING_EVENT_DELIVERY_STATS ? daemon_state() : "";
     ovat_event_input(&control_rec, bytes, n);
+    if (!before.empty() && daemon_state() != before)
+        __builtin_trap();
     if (control_rec.event_id == ACCOUNTING_EVENT_EXIT) {
         // Event 5 leaves each profile's count one high for an Off it never
         // awaits, so that a later unanswered Off strands the profile as
@@ -129,7 +123,7 @@ void control_input(const void *bytes, size_t n)
     }
 }
 
-std::array<uint8_t, 6> station(unsigned char last) { return {2, 0, 0, 0, 0, last}; }
+const uint8_t station1[6] = {2, 0, 0, 0, 0, 1}, station3[6] = {2, 0, 0, 0, 0, 3};
 
 ovat_config_event profile(const char *iface, const char *backup)
 {
@@ -154,9 +148,9 @@ void baseline()
         deliver(station_login_input, login_record("started", "02:00:00:00:00:01", "wlan-1-1", 60));
         deliver(station_login_input, login_record("waiting", "02:00:00:00:00:02", "wlan-1-1", 60));
         deliver(station_login_input, login_record("stopping", "02:00:00:00:00:03", "wlan-1-2", 60));
-        deliver(station_report_input, station_report(station(1).data(), 0x0a000001));
-        deliver(station_report_input, station_report(station(3).data(), 0x0a000003));
-        deliver(netlink_input, driver_message(SARNET_CMD_STA_DISASSOC, "wlan-1-2", station(3).data()));
+        deliver(station_report_input, station_report(station1, 0x0a000001));
+        deliver(station_report_input, station_report(station3, 0x0a000003));
+        deliver(netlink_input, driver_message(SARNET_CMD_STA_DISASSOC, "wlan-1-2", station3));
         if (is_cloud)
             portal_user_add("02:00:00:00:00:04", "portal", "ssid", "SSID3");
     });
@@ -166,93 +160,74 @@ void baseline()
 
 void feed(uint8_t flags, uint8_t select, const uint8_t *bytes, size_t n)
 {
-    switch (FUZZ_INPUT) {
-    case FUZZ_CONTROL:
+    if (FUZZ_INPUT == FUZZ_CONTROL)
         control_input(bytes, n);
-        break;
-    case FUZZ_PORTAL:
+    else if (FUZZ_INPUT == FUZZ_PORTAL)
         portal_event_input(&portal_rec, bytes, n);
-        break;
-    case FUZZ_UAM:
+    else if (FUZZ_INPUT == FUZZ_UAM)
         uam_event_input(bytes, std::min(n, sizeof(uam_event)));
-        break;
-    case FUZZ_LOGIN:
-    case FUZZ_REPORT:
-    case FUZZ_NETLINK:
-        locked([=] {
-            if (FUZZ_INPUT == FUZZ_LOGIN)
-                station_login_input(bytes, std::min(n, sizeof(accounting_msg_t)));
-            else if (FUZZ_INPUT == FUZZ_REPORT)
-                station_report_input(bytes, std::min(n, sizeof(staStatus_t)));
-            else
-                netlink_input(bytes, std::min(n, size_t{NETLINK_READ_SIZE}));
-        });
-        break;
-    case FUZZ_RESPONSE: {
-        // radius_recv refuses empty datagrams and those of 1024 bytes or more.
-        unsigned char *buf = reinterpret_cast<unsigned char *>(&response);
-        if ((flags & 0x20) && nsent)
-            n = signed_answer(buf, sent[(nsent - 1 - (select & 0x7f) % std::min(nsent, 16u)) % 16], bytes, n,
-                              flags & 0x40 ? BACKUP_SECRET : PRIMARY_SECRET);
-        else if (n >= 1 && n < RADIUS_RECV_LEN)
-            memcpy(buf, bytes, n);
-        else
-            break;
-        // From the server whose secret signed it, for the delivery counters.
-        radius_datagram d = {};
-        d.from.sin_family = AF_INET;
-        d.from.sin_addr.s_addr = htonl(flags & 0x40 ? 0x7f000002 : 0x7f000001);
-        d.from.sin_port = htons(1813);
-        d.length = static_cast<ssize_t>(n);
-        radius_response_input(&response, &d);
-        break;
-    }
-    case FUZZ_STREAM:  // read by stream_input alone
-        break;
-    }
+    else if (FUZZ_INPUT == FUZZ_LOGIN)
+        locked([=] { station_login_input(bytes, std::min(n, sizeof(accounting_msg_t))); });
+    else if (FUZZ_INPUT == FUZZ_REPORT)
+        locked([=] { station_report_input(bytes, std::min(n, sizeof(staStatus_t))); });
+    else if (FUZZ_INPUT == FUZZ_NETLINK)
+        locked([=] { netlink_input(bytes, std::min(n, size_t{NETLINK_READ_SIZE})); });
+    if (FUZZ_INPUT != FUZZ_RESPONSE)
+        return;
+    // radius_recv refuses empty datagrams and those of 1024 bytes or more.
+    unsigned char *buf = reinterpret_cast<unsigned char *>(&response);
+    if ((flags & 0x20) && nsent)
+        n = signed_answer(buf, sent[(nsent - 1 - (select & 0x7f) % std::min(nsent, 16u)) % 16], bytes, n,
+                          flags & 0x40 ? BACKUP_SECRET : PRIMARY_SECRET);
+    else if (n >= 1 && n < RADIUS_RECV_LEN)
+        memcpy(buf, bytes, n);
+    else
+        return;
+    // From the server whose secret signed it, for the delivery counters.
+    radius_datagram d = {};
+    d.from.sin_family = AF_INET;
+    d.from.sin_addr.s_addr = htonl(flags & 0x40 ? 0x7f000002 : 0x7f000001);
+    d.from.sin_port = htons(1813);
+    d.length = static_cast<ssize_t>(n);
+    radius_response_input(&response, &d);
 }
 
 // One connection's reads through the stream reader. What it hands on is
 // checked against the bytes read so far: each packet where the last one
 // ended, as long as its own Length.
-struct stream_run {
-    std::string read, delivered;
-};
+std::string stream_read, stream_delivered;
 radius_stream stream;
+
+void stream_packet(void *, const uint8_t *p, size_t len)
+{
+    stream_delivered.append(reinterpret_cast<const char *>(p), len);
+    if (len < 20 || len > 4096 || (size_t{p[2]} << 8 | p[3]) != len ||
+        stream_read.compare(0, stream_delivered.size(), stream_delivered) != 0)
+        __builtin_trap();
+}
 
 void stream_input(const uint8_t *data, size_t size)
 {
-    stream_run run;
+    stream_read.clear();
+    stream_delivered.clear();
     radius_stream_reset(&stream);
     bool closed = false;
     while (size >= 3 && !closed) {
         size_t n = std::min(data[1] | size_t{data[2]} << 8, size - 3);
-        data += 3;
-        size -= 3;
         // A read of its own exact size, so that a byte read behind it is seen.
-        std::string bytes(reinterpret_cast<const char *>(data), n);
-        run.read += bytes;
-        closed = radius_stream_input(&stream, reinterpret_cast<const uint8_t *>(bytes.data()), n,
-                                     [](void *ctx, const uint8_t *p, size_t len) {
-                                         auto *r = static_cast<stream_run *>(ctx);
-                                         if (len < 20 || len > 4096 || (size_t{p[2]} << 8 | p[3]) != len)
-                                             __builtin_trap();
-                                         r->delivered.append(reinterpret_cast<const char *>(p), len);
-                                         if (r->read.compare(0, r->delivered.size(), r->delivered) != 0)
-                                             __builtin_trap();
-                                     },
-                                     &run) != 0;
-        data += n;
-        size -= n;
+        std::string bytes(reinterpret_cast<const char *>(data + 3), n);
+        stream_read += bytes;
+        closed = radius_stream_input(&stream, reinterpret_cast<const uint8_t *>(bytes.data()), n, stream_packet,
+                                     nullptr) != 0;
+        data += 3 + n;
+        size -= 3 + n;
     }
     // Nothing whole is held back: what stays is less than the next packet.
-    size_t rest = run.read.size() - run.delivered.size();
-    if (!closed && rest >= 4) {
-        const std::string &r = run.read;
-        size_t at = run.delivered.size();
-        if (rest >= (size_t{static_cast<uint8_t>(r[at + 2])} << 8 | static_cast<uint8_t>(r[at + 3])))
-            __builtin_trap();
-    }
+    const std::string &r = stream_read;
+    size_t at = stream_delivered.size();
+    if (!closed && r.size() - at >= 4 &&
+        r.size() - at >= (size_t{static_cast<uint8_t>(r[at + 2])} << 8 | static_cast<uint8_t>(r[at + 3])))
+        __builtin_trap();
 }
 
 }  // namespace
@@ -288,8 +263,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     memset(&control_rec, 0, sizeof control_rec);
     memset(&portal_rec, 0, sizeof portal_rec);
     memset(&response, 0, sizeof response);
-    bool cloud_only = FUZZ_INPUT == FUZZ_PORTAL || FUZZ_INPUT == FUZZ_UAM;
-    is_cloud = cloud_only || size == 0 || !(data[0] & 0x80);
+    // Cloud mode unless the first frame leaves it, where the input exists outside it.
+    is_cloud = FUZZ_INPUT == FUZZ_PORTAL || FUZZ_INPUT == FUZZ_UAM || size == 0 || !(data[0] & 0x80);
     debug = 0;
     identifiers_clear();
     const bool keep = response_frames && size >= 2 && (data[1] & 0x80);
@@ -297,9 +272,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     baseline();
     if (keep)
         locked([] {
-            radius_server *primary =
-                list_entry(total_radius_server_header.next, accounting_radius, total_radius_server)->primary_server;
-            servers_dead(primary);
+            servers_dead(list_entry(total_radius_server_header.next, accounting_radius, total_radius_server)
+                             ->primary_server);
             servers_probe(now + PROBE_FIRST);
         });
 

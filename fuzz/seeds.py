@@ -11,11 +11,7 @@ import records  # noqa: E402
 
 DEBUG, PASS, SIGN, BACKUP = 0x09, 0x10, 0x20, 0x40
 KEEP = 0x80  # the response target's first selector: meterd -k, a probe in flight
-SECONDS = {0: 0, 3: 1, 6: 2, 60: 3}
-
-
-def later(seconds):  # flags: move the clock on first
-    return SECONDS[seconds] << 1
+LATER6, LATER60 = 2 << 1, 3 << 1  # flags: move the clock on first, by 6 or 60 seconds
 
 
 def frame(record, flags=0, select=None):
@@ -31,8 +27,7 @@ def config(iface, host, backup=''):
     return records.config(iface, host, 1813, backup, 1813, 'primary-secret', 'backup-secret', '127.0.0.1', 'nas', 1)
 
 
-def control(event_id, payload=b''):
-    return records.event(event_id, payload)
+control = records.event
 
 
 def portal(entries):
@@ -43,16 +38,12 @@ def login(user, mac, iface, session_id='', klass=b''):
     return records.login(user, mac, '02-00-00-00-00-01:ssid', iface, 'portal', 60, '10.0.0.1', 'ap', klass, session_id)
 
 
-def station(last):
-    return bytes([2, 0, 0, 0, 0, last])
-
-
-def report(last, ip=None):
-    return records.report(station(last), '10.0.0.%d' % (ip or last), 'wlan-1-1', vid=1)
+def report(last):
+    return records.report(bytes([2, 0, 0, 0, 0, last]), '10.0.0.%d' % last, 'wlan-1-1', vid=1)
 
 
 def driver(cmd, last, iface, tx=0, rx=0, ip_at=0):
-    return records.driver(cmd, station(last), iface, tx, rx, '10.0.0.99' if ip_at else None, ip_at)
+    return records.driver(cmd, bytes([2, 0, 0, 0, 0, last]), iface, tx, rx, '10.0.0.99' if ip_at else None, ip_at)
 
 
 def uam(event, mac, iface='wlan-1-3', usr_from=0, service='', method=''):
@@ -71,11 +62,11 @@ SEEDS = {
         'ip_change': frame(control(3, text('127.0.0.1', 64) + text('127.0.0.9', 64))),
         'secret': frame(control(7, text('127.0.0.1', 64) + text('new-secret', 64))),
         'exit_remove_retry': frame(control(5)) + frame(control(2, text('wlan-1-1', 64))) +
-        b''.join(frame(control(0), later(6) | PASS) for _ in range(10)),
+        b''.join(frame(control(0), LATER6 | PASS) for _ in range(10)),
         'debug_dump': frame(control(101)) + frame(control(102)) + frame(control(100)),
         'short_repeat': frame(control(4, config('wlan-1-6', 'localhost')))[:3 + 200] + frame(b''),
         # The delivery counters: whole, with a payload, cut to the number, then one byte over it.
-        'stats': frame(control(103), DEBUG) + frame(control(103, text('wlan-1-1', 64)), later(6) | PASS) +
+        'stats': frame(control(103), DEBUG) + frame(control(103, text('wlan-1-1', 64)), LATER6 | PASS) +
         frame(control(103)[:8]) + frame(b'\x67'),
     },
     'portal': {
@@ -91,7 +82,7 @@ SEEDS = {
     },
     'report': {
         'waiting': frame(report(2), DEBUG),
-        'unknown_then_pass': frame(report(9)) + frame(report(2), later(6) | PASS),
+        'unknown_then_pass': frame(report(9)) + frame(report(2), LATER6 | PASS),
     },
     'netlink': {
         'disassoc': frame(driver(0x8002, 1, 'wlan-1-1'), DEBUG),
@@ -107,13 +98,13 @@ SEEDS = {
     },
     'response': {
         'each_request': b''.join(frame(b'\x05', DEBUG | SIGN, i) for i in range(10)),
-        'retry_failover': b''.join(frame(b'', later(6) | PASS, 0) for _ in range(12)) +
+        'retry_failover': b''.join(frame(b'', LATER6 | PASS, 0) for _ in range(12)) +
         b''.join(frame(b'\x05', DEBUG | SIGN | BACKUP, i) for i in range(8)),
-        'interim': frame(b'\x05', SIGN, 7) + frame(b'', later(60) | PASS, 0) + frame(b'', later(60) | PASS, 0) +
+        'interim': frame(b'\x05', SIGN, 7) + frame(b'', LATER60 | PASS, 0) + frame(b'', LATER60 | PASS, 0) +
         frame(b'\x05', DEBUG | SIGN, 0),
         'raw': frame(bytes([5, 3, 0, 20]) + bytes(16), DEBUG, 0) + frame(b'\x05\x01', DEBUG, 0),
         # Under -k, the primary dead: its probe answered with a wrong Code, then as a server answers it.
-        'probe': frame(b'\x02', SIGN, KEEP) + frame(b'\x05', DEBUG | SIGN, 0) + frame(b'', later(6) | PASS, 0),
+        'probe': frame(b'\x02', SIGN, KEEP) + frame(b'\x05', DEBUG | SIGN, 0) + frame(b'', LATER6 | PASS, 0),
     },
     # Each frame is one read of the connection.
     'stream': {
@@ -128,5 +119,4 @@ SEEDS = {
 for target, seeds in SEEDS.items():
     os.makedirs(os.path.join(HERE, 'corpus', target), exist_ok=True)
     for name, data in seeds.items():
-        with open(os.path.join(HERE, 'corpus', target, name), 'wb') as f:
-            f.write(data)
+        open(os.path.join(HERE, 'corpus', target, name), 'wb').write(data)

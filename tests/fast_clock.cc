@@ -19,13 +19,6 @@ unsigned int __wrap_sleep(unsigned int seconds);
 
 namespace {
 
-double rate_of(const char *faketime)
-{
-    const char *x = faketime ? strchr(faketime, 'x') : nullptr;
-    double rate = x ? strtod(x + 1, nullptr) : 0;
-    return rate > 0 ? rate : 0;
-}
-
 double seconds_now()
 {
     struct timespec t;
@@ -34,7 +27,8 @@ double seconds_now()
 }
 
 // Set before main, so before any thread reads them.
-const double rate = rate_of(getenv("FAKETIME"));
+const char *const x = getenv("FAKETIME") ? strchr(getenv("FAKETIME"), 'x') : nullptr;
+const double rate = x && strtod(x + 1, nullptr) > 0 ? strtod(x + 1, nullptr) : 0;
 const double start = seconds_now();
 
 }  // namespace
@@ -44,9 +38,7 @@ time_t __wrap_time(time_t *out)
     if (rate == 0)
         return __real_time(out);
     time_t now = static_cast<time_t>(start + (seconds_now() - start) * rate);
-    if (out)
-        *out = now;
-    return now;
+    return out ? *out = now : now;
 }
 
 unsigned int __wrap_sleep(unsigned int seconds)
@@ -54,9 +46,7 @@ unsigned int __wrap_sleep(unsigned int seconds)
     if (rate == 0)
         return __real_sleep(seconds);
     double real = seconds / rate;
-    struct timespec t;
-    t.tv_sec = static_cast<time_t>(real);
-    t.tv_nsec = static_cast<long>((real - static_cast<double>(t.tv_sec)) * 1e9);
+    struct timespec t = {static_cast<time_t>(real), static_cast<long>((real - static_cast<time_t>(real)) * 1e9)};
     while (nanosleep(&t, &t) == -1 && errno == EINTR) {
     }
     return 0;

@@ -44,8 +44,7 @@ _SQL_PREACCT = '\tpreacct {\n\t\tacct_unique\n\t}'
 # client's certificate required. A TLS listener refuses to start without the thread pool. Its 1.2 by default is the most FreeRADIUS 3.2 offers unless
 # tls_max_version says 1.3. Any address, so that a test may connect to another one than the
 # certificate names; the client is still the one at 127.0.0.1.
-_TLS_HEAD = '''security { status_server = yes }
-clients radsec {
+_TLS_HEAD = '''clients radsec {
 	client meterd-tls { ipaddr = 127.0.0.1, proto = tls, secret = %s }
 }'''
 _TLS_LISTEN = '''	listen {
@@ -71,46 +70,35 @@ class Certs:
     the server's (subjectAltName IP:127.0.0.1 and DNS radius.test), an expired one with the same
     names, and the client's; and from a CA that nobody trusts, a server's and a client's with the same
     names. self.pair(name) is its certificate and key file; the keys are readable by root alone."""
-    SERVER_NAMES = 'IP:127.0.0.1,DNS:radius.test'
-
     def __init__(self, dir):
-        self.dir = dir
+        self.dir, server = dir, 'IP:127.0.0.1,DNS:radius.test'
         os.makedirs(dir, exist_ok=True)
-        self._ca('ca')
-        self._ca('rogue-ca')
-        self._signed('server', 'ca', self.SERVER_NAMES)
-        # Valid for ten days that ended twenty days ago.
-        self._signed('expired', 'ca', self.SERVER_NAMES, faketime='-30d', days=10)
-        self._signed('client', 'ca', 'DNS:ap.test')
-        self._signed('rogue', 'rogue-ca', self.SERVER_NAMES)
-        self._signed('rogue-client', 'rogue-ca', 'DNS:ap.test')
+        # (name, its CA or None for a CA, subjectAltName, its days and faketime's shift of the clock)
+        for name, ca, names, days, shift in (
+                ('ca', None, '', 30, None), ('rogue-ca', None, '', 30, None), ('server', 'ca', server, 30, None),
+                ('expired', 'ca', server, 10, '-30d'),  # valid for ten days that ended twenty days ago
+                ('client', 'ca', 'DNS:ap.test', 30, None), ('rogue', 'rogue-ca', server, 30, None),
+                ('rogue-client', 'rogue-ca', 'DNS:ap.test', 30, None)):
+            # P-256: quick to make, and what a device's own key would be.
+            self._openssl('genpkey', '-algorithm', 'EC', '-pkeyopt', 'ec_paramgen_curve:P-256', '-out', name + '.key')
+            os.chmod(self.pair(name)[1], 0o600)
+            if not ca:
+                self._openssl('req', '-x509', '-new', '-key', name + '.key', '-out', name + '.pem', '-days', '30',
+                              '-subj', '/O=meterd tests/CN=%s' % name)
+                continue
+            self._openssl('req', '-new', '-key', name + '.key', '-out', name + '.csr', '-subj', '/CN=%s' % name)
+            with open(os.path.join(dir, name + '.ext'), 'w') as f:
+                f.write('subjectAltName = %s\nextendedKeyUsage = serverAuth, clientAuth\n' % names)
+            self._openssl('x509', '-req', '-in', name + '.csr', '-CA', ca + '.pem', '-CAkey', ca + '.key',
+                          '-CAcreateserial', '-days', str(days), '-extfile', name + '.ext', '-out', name + '.pem',
+                          shift=shift)
 
     def pair(self, name):
         return '%s/%s.pem' % (self.dir, name), '%s/%s.key' % (self.dir, name)
 
-    def _openssl(self, *args, faketime=None):
-        argv = ['openssl'] + list(args)
-        subprocess.run((['faketime', '-f', faketime] if faketime else []) + argv, check=True,
+    def _openssl(self, *args, shift=None):
+        subprocess.run((['faketime', '-f', shift] if shift else []) + ['openssl', *args], check=True,
                        capture_output=True, cwd=self.dir)
-
-    def _key(self, name):
-        # P-256: quick to make, and what a device's own key would be.
-        self._openssl('genpkey', '-algorithm', 'EC', '-pkeyopt', 'ec_paramgen_curve:P-256', '-out', name + '.key')
-        os.chmod(self.pair(name)[1], 0o600)
-
-    def _ca(self, name):
-        self._key(name)
-        self._openssl('req', '-x509', '-new', '-key', name + '.key', '-out', name + '.pem', '-days', '30',
-                      '-subj', '/O=meterd tests/CN=%s' % name)
-
-    def _signed(self, name, ca, names, faketime=None, days=30):
-        self._key(name)
-        self._openssl('req', '-new', '-key', name + '.key', '-out', name + '.csr', '-subj', '/CN=%s' % name)
-        with open(os.path.join(self.dir, name + '.ext'), 'w') as f:
-            f.write('subjectAltName = %s\nextendedKeyUsage = serverAuth, clientAuth\n' % names)
-        self._openssl('x509', '-req', '-in', name + '.csr', '-CA', ca + '.pem', '-CAkey', ca + '.key',
-                      '-CAcreateserial', '-days', str(days), '-extfile', name + '.ext', '-out', name + '.pem',
-                      faketime=faketime)
 
 
 def _sql_module():
@@ -128,9 +116,11 @@ class FreeRadius:
     that record each request, in order."""
 
     def __init__(self, secret, port=1813, modules=None, accounting=('detail',), sql=False, tls=None,
-                 tls_cert='server', tls_port=2083, tls_secret='radsec'):
+                 tls_cert='server', tls_port=2083, tls_secret='radsec', status_server=True):
         # tls: a Certs; the listener shows its certificate `tls_cert` and trusts the CA 'ca'.
+        # status_server=False: Status-Server is ignored, as by a server that knows nothing of it.
         self.secret, self.port, self.dir, self.sql = secret, port, '/tmp/freeradius-%d' % port, sql
+        self.status_server = status_server
         self.tls, self.tls_cert, self.tls_port, self.tls_secret = tls, tls_cert, tls_port, tls_secret
         self.modules = dict(detail='detail { filename = {dir}/detail }', **(modules or {}))
         self.accounting = tuple(accounting)
@@ -140,7 +130,7 @@ class FreeRadius:
         self.log_path, self.proc = self.dir + '/log', None
 
     def config(self):
-        head = [_SQL_HEAD] if self.sql else []
+        head = [_SQL_HEAD] * self.sql + ['security { status_server = %s }' % 'no yes'.split()[self.status_server]]
         tls_listen = ''
         if self.tls:
             head += [] if self.sql else [_THREADS]
@@ -158,9 +148,8 @@ class FreeRadius:
             f.write(self.config())
         # A TLS listener needs threads, which -X turns off: its debugging
         # comes with -xx instead, for the log of a failing test.
-        debug = ['-xx'] if self.tls else []
-        harness._spawn(self, ['freeradius', '-f'] + debug + ['-d', self.dir, '-l', '/dev/stderr'], self.log_path,
-                       lambda: 'Ready to process' in harness.read_file(self.log_path))
+        harness._spawn(self, ['freeradius', '-f'] + ['-xx'] * bool(self.tls) + ['-d', self.dir, '-l', '/dev/stderr'],
+                       self.log_path, lambda: 'Ready to process' in harness.read_file(self.log_path))
 
     def stop(self):
         # Also once more after a test stopped it.
@@ -173,19 +162,20 @@ class FreeRadius:
         blocks = harness.read_file(self.dir + '/detail').split('\n\n')[:-1]  # the last one may be unfinished
         return [dict(re.findall(r'^\t(?!Timestamp)(\S+) = "?(.*?)"?$', b, re.M)) for b in blocks]
 
+    def kinds(self):
+        # What each detail record was: (Acct-Status-Type, Acct-Session-Id).
+        return [(r['Acct-Status-Type'], r.get('Acct-Session-Id', '')) for r in self.records()]
+
     def wait_records(self, n, timeout=10):
         # Waits for `n` records; returns all.
-        def enough():
-            recs = self.records()
-            return len(recs) >= n and recs
-        return harness._poll(enough, timeout,
+        return harness._poll(lambda: len(recs := self.records()) >= n and recs, timeout,
                              lambda: 'fewer than %d records; log:\n%s' % (n, harness.read_file(self.log_path)))
 
     def radacct(self):
         # The rows of the radacct table (sql=True) as {column: value}, oldest first.
-        db = sqlite3.connect(self.dir + '/radacct.db', timeout=5)
-        db.row_factory = sqlite3.Row
-        try:
+        with sqlite3.connect(self.dir + '/radacct.db', timeout=5) as db:
+            db.row_factory = sqlite3.Row
             return [dict(r) for r in db.execute('SELECT * FROM radacct ORDER BY radacctid')]
-        finally:
-            db.close()
+
+    def rows(self):
+        return {r['acctsessionid']: r for r in self.radacct()}

@@ -31,20 +31,18 @@ class Cloud(harness.SystemTest):
     def records(self, user):
         return [r['Acct-Status-Type'] for r in self.server.wait_records(1) if r.get('User-Name') == user]
 
-    def test_repeated_datagram_takes_each_profile_down_before_it_comes_up(self):
+    def test_repeated_datagram_then_local_and_foreign_sessions(self):
+        # The datagram again takes each profile down before it comes up.
         self.start_cloud()
         devsim(*self.portal)
         statuses = sorted(r['Acct-Status-Type'] for r in self.server.wait_records(6)[2:])
         self.assertEqual(statuses, ['Accounting-Off'] * 2 + ['Accounting-On'] * 2)
         self.assertRegex(self.console.text[self.mark:], r'(?s)delete_radius for wlan-1-1\.\n.*'
                          r'Interface is: wlan-1-1\n.*delete_radius for wlan-2-2\.\n.*Interface is: wlan-2-2\n')
-
-    def test_local_and_foreign_sessions(self):
-        self.start_cloud()
         devsim('station', 'add', '--mac', LOCAL, '--ip', '10.0.0.7', '--rx', 10, '--tx', 20)
         # Lower case with colons is the same station; the event's own address is never used.
         devsim('uam', '--event', 'login', '--mac', LOCAL.replace('-', ':'), '--ssid', 'Guest', '--user', 'alice')
-        start = self.server.wait_records(3)[2]
+        start = self.server.wait_records(7)[6]
         want = {'Acct-Status-Type': 'Start', 'User-Name': 'alice', 'Framed-IP-Address': '10.0.0.7',
                 'Calling-Station-Id': LOCAL.upper(), 'Called-Station-Id': '02-00-00-00-00-01:Guest'}
         self.assertEqual({k: start.get(k) for k in want}, want)

@@ -3,6 +3,7 @@
 through loss, answers of every kind, a wrong secret and a silent primary; and the command's failures.
 The daemon runs on a clock ten times faster."""
 import json
+import os
 import socket
 import struct
 import time
@@ -33,23 +34,17 @@ class CountingPeer(harness.Peer):
         super().__init__(SECRET, ip, plan=plan, default=default)
         self.delay, self.seen, self.counted = delay, set(), dict.fromkeys(FIGURES, 0)
 
-    def run(self):
-        while True:
-            try:
-                data, self.source = self.sock.recvfrom(4096)
-            except OSError:
-                return
-            action = self.plan.pop(0) if self.plan else self.default
-            count = self.counted
-            count['retransmissions' if data in self.seen else 'requests'] += 1
-            self.seen.add(data)
-            count['responses'] += len(self.REPLIES[action])
-            count['timeouts'] += action not in ('answer', 'code11', 'twice')
-            if action in self.FIGURE:
-                count[self.FIGURE[action]] += 1
-            time.sleep(self.delay)
-            for kind in self.REPLIES[action]:
-                self.sock.sendto(self.answer(kind, data), self.source)
+    def handle(self, data, source):
+        action, count, self.source = self.plan.pop(0) if self.plan else self.default, self.counted, source
+        count['retransmissions' if data in self.seen else 'requests'] += 1
+        self.seen.add(data)
+        count['responses'] += len(self.REPLIES[action])
+        count['timeouts'] += action not in ('answer', 'code11', 'twice')
+        if action in self.FIGURE:
+            count[self.FIGURE[action]] += 1
+        time.sleep(self.delay)
+        for kind in self.REPLIES[action]:
+            self.sock.sendto(self.answer(kind, data), source)
 
     def transmissions(self):
         return self.counted['requests'] + self.counted['retransmissions']
@@ -63,8 +58,7 @@ class Stats(harness.SystemTest):
         return json.loads(result.stdout)
 
     def server(self, report, address, port):
-        rows = [s for s in report['servers'] if (s['address'], s['port']) == (address, port)]
-        return rows[0] if rows else {}
+        return next((s for s in report['servers'] if (s['address'], s['port']) == (address, port)), {})
 
     def test_figures_are_what_the_servers_counted(self):
         daemon = self.start(Meterd(speed=10))
@@ -113,10 +107,9 @@ class Stats(harness.SystemTest):
         held = []
 
         class Holding(harness.Peer):
-            def run(self):
-                while len(held) < 301:
-                    held.append(self.sock.recvfrom(4096))
-                for data, source in reversed(held):
+            def handle(self, data, source):
+                held.append((data, source))
+                for data, source in reversed(held) if len(held) == 301 else ():
                     self.sock.sendto(self.answer(5, data), source)
 
         peer = self.start(Holding(SECRET))
@@ -138,29 +131,26 @@ class Stats(harness.SystemTest):
         self.assertEqual({k: row()[k] for k in ('requests', 'retransmissions', 'dropped', 'pending')},
                          {'requests': 301, 'retransmissions': 0, 'dropped': 0, 'pending': 0})
 
-    def test_extensions_on_a_daemon_without_servers(self):
-        self.start(Meterd(['-g', '-c']))
+    def test_a_daemon_without_servers_then_nobody_answers(self):
+        daemon = self.start(Meterd(['-g', '-c']))
         on = dict.fromkeys(('gigawords', 'unique_ids', 'retry_per_request', 'steady_counters', 'keep_records'),
                            harness.EXTENDED)
         on.update(gigawords=True, steady_counters=True)
-        stats = {'extensions': on, 'servers': []}
-        if harness.EXTENDED:
-            stats.update(states=[], backlog={'length': 0, 'oldest_age': 0})
-        self.assertEqual(self.stats(), stats)
+        extended = dict(states=[], backlog={'length': 0, 'oldest_age': 0}) if harness.EXTENDED else {}
+        self.assertEqual(self.stats(), dict(extensions=on, servers=[], **extended))
         names = ', '.join(name for name, value in on.items() if value)
         backlog = '\nbacklog: 0 requests, the oldest 0 s old\n' if harness.EXTENDED else ''
         self.assertEqual(meterctl('stats').stdout, 'extensions: %s\n\nno request sent yet\n%s' % (names, backlog))
-
-    def test_nobody_answers(self):
-        # A reader that never answers, then nobody at all: one line each, and status 1.
-        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as listener:
-            listener.bind(CONTROL_SOCK)
-            result = meterctl('stats')
-            self.assertEqual((result.returncode, result.stderr), (1, 'meterctl: meterd did not answer within 2 s\n'))
-            self.assertEqual(listener.recv(1024), struct.pack('<q', 103).ljust(416, b'\0'))
+        # Its socket left without a reader, then a reader that never answers: one line each, status 1.
+        daemon.stop()
+        refused = (1, '', 'meterctl: meterd is not listening on %s: Connection refused\n' % CONTROL_SOCK)
         result = meterctl('stats', '--json')
-        self.assertEqual((result.returncode, result.stdout, result.stderr),
-                         (1, '', 'meterctl: meterd is not listening on %s: Connection refused\n' % CONTROL_SOCK))
+        self.assertEqual((result.returncode, result.stdout, result.stderr), refused)
+        os.unlink(CONTROL_SOCK)
+        listener = self.listen(CONTROL_SOCK)
+        result = meterctl('stats')
+        self.assertEqual((result.returncode, result.stderr), (1, 'meterctl: meterd did not answer within 2 s\n'))
+        self.assertEqual(listener.recv(1024), struct.pack('<q', 103).ljust(416, b'\0'))
 
 
 if __name__ == '__main__':

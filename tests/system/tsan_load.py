@@ -24,8 +24,7 @@ SECONDS = float(os.environ.get('METERD_LOAD_SECONDS', 60))
 devsim = harness.tool('devsim')
 
 
-def mac(i):
-    return '02:00:00:00:01:%02x' % i
+mac = '02:00:00:00:01:%02x'.__mod__
 
 
 class TsanLoad(harness.SystemTest):
@@ -43,8 +42,7 @@ class TsanLoad(harness.SystemTest):
 
         def stations(n):  # login, report, counters, disassociation: thread 4, then 2 and 1
             i = n % USERS
-            iface = 'wlan-1-%d' % (1 + i % 2)
-            devsim('login', '--user', 'u%d' % i, '--mac', mac(i), '--iface', iface, '--interim', 3)
+            devsim('login', '--user', 'u%d' % i, '--mac', mac(i), '--iface', 'wlan-1-%d' % (1 + i % 2), '--interim', 3)
             devsim('report', '--mac', mac(i), '--ip', '10.0.1.%d' % (i + 1))
             if n >= USERS:  # the oldest session of the next station goes
                 j = (n + 1) % USERS
@@ -54,10 +52,8 @@ class TsanLoad(harness.SystemTest):
         def control(n):  # thread 3: dumps, debug switches, a profile that comes and goes
             daemon.send(event(EV_DUMP))
             daemon.send(event((EV_DEBUG_OFF, EV_DEBUG_ON)[n % 2]))
-            if n % 4 == 0:
-                daemon.send(ev_init('wlan-1-5', '127.0.0.1', 1813, SECRET))
-            elif n % 4 == 2:
-                daemon.send(event(EV_REMOVE, 'wlan-1-5'))
+            if n % 2 == 0:
+                daemon.send(event(EV_REMOVE, 'wlan-1-5') if n % 4 else ev_init('wlan-1-5', '127.0.0.1', 1813, SECRET))
             daemon.send(event((EV_AC_IP_CHANGE, EV_SECRET_CHANGE)[n % 2], '127.0.0.9', SECRET))
             time.sleep(0.05)
 
@@ -68,9 +64,8 @@ class TsanLoad(harness.SystemTest):
                        % (silent.port, SECRET, SECRET))
             i = n % USERS
             iface = 'wlan-1-%d' % (3 + i % 2)
-            foreign = ['--foreign'] if i % 3 == 0 else []
             devsim('uam', '--event', ('login', 'logout')[n // USERS % 2], '--user', 'p%d' % i, '--mac', mac(i),
-                   '--iface', iface, *foreign)
+                   '--iface', iface, *['--foreign'] * (i % 3 == 0))
             devsim('assoc', '--mac', mac(i), '--iface', iface)
 
         def loop(work):  # until the load ends; what it raises comes out of result()
