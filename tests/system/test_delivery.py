@@ -5,7 +5,7 @@ import struct
 import time
 
 import harness
-from harness import ON_TAIL, OFF_TAIL, Meterd, Peer
+from harness import ON_TAIL, OFF_TAIL, Meterd, Peer, tail
 from records import EV_AC_IP_CHANGE, EV_EXIT, EV_REMOVE, event, ev_init
 
 SECRET, BACKUP_SECRET = 'testing123', 'backup-s3cret'
@@ -35,7 +35,7 @@ class Delivery(harness.SystemTest):
         sent = peer.wait(5)
         self.assertEqual({d[0:1] + d[2:4] for d in sent}, {b'\x04' + struct.pack('!H', 20 + len(ON_TAIL))})
         self.assertEqual([d[1] for d in sent], [(sent[0][1] + i) % 256 for i in range(5)])
-        self.assertEqual([d[20:] for d in sent], [ON_TAIL] * 2 + [OFF_TAIL] * 3)
+        self.assertEqual([tail(d) for d in sent], [ON_TAIL] * 2 + [OFF_TAIL] * 3)
         self.wait_console('Accounting off. Server IP:127.0.0.1\n')
         self.assertNotIn('username:', daemon.dump())  # no node left, not even of the Offs at exit
 
@@ -88,7 +88,7 @@ class Delivery(harness.SystemTest):
         # Both before the first time-out; a new AC address takes effect at the next transmission.
         self.daemon.send(event(EV_AC_IP_CHANGE, '127.0.0.2', '127.0.0.3'))
         self.daemon.send(event(EV_REMOVE, 'wlan-drop'))
-        self.assertEqual(peers['wlan-drop'].wait(2)[1][20:], OFF_TAIL)
+        self.assertEqual(tail(peers['wlan-drop'].wait(2)[1]), OFF_TAIL)
         self.wait_console('free RADIUS profile \n')
         self.assertNotIn('interface:wlan-drop ', self.daemon.dump())
         self.assertEqual(moved.wait(1, 15 / SPEED), peers['wlan-moving'].wait(1))

@@ -66,7 +66,7 @@ class Frame(harness.SystemTest):
         daemon.send(profile('wlan-1-1')[:338])
         daemon.send(event(EV_REMOVE, 'wlan-1-1')[:72])
         daemon.send(profile('wlan-1-2') + b'\xff' * 200)
-        self.assertEqual([d[20:] for d in peer.wait(3)], [harness.ON_TAIL, harness.OFF_TAIL, harness.ON_TAIL])
+        self.assertEqual([harness.tail(d) for d in peer.wait(3)], [harness.ON_TAIL, harness.OFF_TAIL, harness.ON_TAIL])
 
     def test_closed_to_other_users(self):
         # Started with umask 000, in cloud mode for all four sockets: each is root's alone, and

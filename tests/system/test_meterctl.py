@@ -4,7 +4,7 @@ and every bad input is refused with its own message before anything reaches the 
 import os
 
 import harness
-from harness import CONTROL_SOCK, OFF_TAIL, ON_TAIL, Meterd, Peer
+from harness import CONTROL_SOCK, OFF_TAIL, ON_TAIL, Meterd, Peer, tail
 from records import EV_DEBUG_OFF, EV_DEBUG_ON, EV_EXIT, event
 
 SECRET, NEW_SECRET = 'testing123', 'n3w-s3cret'
@@ -23,7 +23,7 @@ class Meterctl(harness.SystemTest):
         # wlan-1-1's server never answers, so its Accounting-On waits on the request queue.
         silent = self.start(Peer(SECRET, default='drop'))
         self.ctl('add', 'wlan-1-1', '127.0.0.1', silent.port, SECRET)
-        self.assertEqual(silent.wait(1)[0][20:], ON_TAIL)
+        self.assertEqual(tail(silent.wait(1)[0]), ON_TAIL)
         view = self.ctl('dump')
         self.assertRegex(view, r'^scheduler \(due\)\n  in [345]s +request queue\n\n'
                                r'request queue \(answer due\)\n  in [345]s +wlan-1-1 +Accounting-On/Off\n\n'
@@ -34,11 +34,11 @@ class Meterctl(harness.SystemTest):
         first = self.start(Peer(SECRET, '127.0.0.3'))
         moved = self.start(Peer(NEW_SECRET, '127.0.0.2', first.port))
         self.ctl('add', 'wlan-1-2', '127.0.0.3', first.port, SECRET, 'localhost', 1, 'backup')
-        self.assertEqual(first.wait(1)[0][20:], ON_TAIL)
+        self.assertEqual(tail(first.wait(1)[0]), ON_TAIL)
         self.ctl('ac-address', '127.0.0.3', '127.0.0.2')
         self.ctl('ac-secret', '127.0.0.2', NEW_SECRET)
         self.ctl('remove', 'wlan-1-2')
-        self.assertEqual(moved.wait(1)[0][20:], OFF_TAIL)
+        self.assertEqual(tail(moved.wait(1)[0]), OFF_TAIL)
         self.wait_console('Accounting off. Server IP:127.0.0.2\n')
         self.ctl('remove', 'wlan-9-9')
         self.wait_console('search_radius fail.\n')

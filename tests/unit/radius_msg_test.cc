@@ -51,7 +51,7 @@ TEST(RadiusMsg, AttributesAreFoundOnlyInsideThePacket)
 
 // A response's authenticator (one known answer computed with Python's
 // hashlib). Every request's authenticator, the backup's re-signed copies
-// too, is verified by pyrad at the system tests' peers.
+// too, is verified by the system tests' peers.
 TEST(RadiusMsg, ResponseAuthenticatorKnownAnswers)
 {
     Bytes request = packet("04070014000102030405060708090a0b0c0d0e0f");
