@@ -67,7 +67,6 @@ struct server_state {
     uint32_t probes;         // probes sent (Status-Server or a request)
     uint32_t probe_answers;  // ... answered
     uint32_t unanswered;     // probes in a row without an answer
-    uint32_t in_flight;      // requests sent to it and waiting (counted when asked)
 };
 
 typedef struct radius_accounting_server {

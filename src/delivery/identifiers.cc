@@ -34,8 +34,8 @@ void mark_queue(uint8_t held[][256 / 8], struct list_head *queue)
     }
 }
 
-}  // namespace
-
+// Every Identifier held, in flight, probing or resting, marked in
+// held[source][id / 8].
 void identifiers_held(uint8_t held[][256 / 8])
 {
     memset(held, 0, RADIUS_SOURCES * (256 / 8));
@@ -58,6 +58,8 @@ void identifiers_held(uint8_t held[][256 / 8])
             if (rest_until[s][k] > now)
                 mark(held, s, static_cast<uint8_t>(k));
 }
+
+}  // namespace
 
 int identifier_take(unsigned char *source)
 {

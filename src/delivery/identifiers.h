@@ -26,10 +26,6 @@ int identifier_take(unsigned char *source);
 // the Identifier rests for two time-outs before it is taken again.
 void identifier_rest(const struct user_accounting_info *self);
 
-// Unique Identifiers: every Identifier held, in flight or resting, is
-// marked in held[source][id / 8]; 0 for a free one.
-void identifiers_held(uint8_t held[][256 / 8]);
-
 // The second at which the first resting Identifier wakes, or 0.
 time_t identifier_next_wake(void);
 

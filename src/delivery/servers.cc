@@ -42,19 +42,18 @@ void each_server(F f)
     }
 }
 
-// Requests sent to each server and waiting for their answer.
-void count_in_flight()
+// Requests sent to server and waiting for their answer.
+uint32_t in_flight(const radius_server *server)
 {
-    each_server([](struct accounting_radius *, radius_server *s, const char *) { s->state.in_flight = 0; });
+    uint32_t n = 0;
     struct list_head *const queues[] = {&request_queue_header, &fail_queue_header};
     for (struct list_head *queue : queues) {
         struct list_head *pos;
-        list_for_each(pos, queue) {
-            radius_server *s = node_server(list_entry(pos, struct accounting_node, queue)->self);
-            if (s)
-                s->state.in_flight++;
-        }
+        list_for_each(pos, queue)
+            if (node_server(list_entry(pos, struct accounting_node, queue)->self) == server)
+                n++;
     }
+    return n;
 }
 
 bool waits_behind(const struct accounting_node *node)
@@ -160,9 +159,7 @@ int servers_route(struct accounting_node *node)
     // Paced only while a backlog drains, so that a new request costs no
     // walk of the queues.
     if (!list_empty(&backlog_header)) {
-        radius_server *server = which == SERVER_PRIMARY ? radius->primary_server : radius->backup_server;
-        count_in_flight();
-        if (server->state.in_flight >= PACE)
+        if (in_flight(which == SERVER_PRIMARY ? radius->primary_server : radius->backup_server) >= PACE)
             return 0;
     }
     self->server = which;

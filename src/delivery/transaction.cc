@@ -33,17 +33,22 @@ void wake_handler(struct list_head *)
     transaction_release_waiting();
 }
 
-// A request that leaves its queue unanswered: its Identifier rests, and
-// requests waiting for one are woken when it may be taken again.
+// The waiting requests are woken when the first resting Identifier may be
+// taken again (an answer frees one sooner).
+void schedule_wake()
+{
+    unregister_schedule(&id_wait_header);
+    time_t wake = identifier_next_wake();
+    if (wake)
+        register_schedule(wake, wake_handler, &id_wait_header);
+}
+
+// A request that leaves its queue unanswered: its Identifier rests.
 void rest(const struct user_accounting_info *self)
 {
     identifier_rest(self);
-    if (!list_empty(&id_wait_header)) {
-        unregister_schedule(&id_wait_header);
-        time_t wake = identifier_next_wake();
-        if (wake)
-            register_schedule(wake, wake_handler, &id_wait_header);
-    }
+    if (!list_empty(&id_wait_header))
+        schedule_wake();
 }
 
 // ... and its packet goes.
@@ -318,12 +323,7 @@ void transaction_release_waiting(void)
         struct accounting_node *node = list_entry(id_wait_header.next, struct accounting_node, queue);
         int made = accounting_msg(node, node->self->status);
         if (made == 1) {
-            // Every Identifier held: the next answer frees one, or the first
-            // resting one wakes.
-            unregister_schedule(&id_wait_header);
-            time_t wake = identifier_next_wake();
-            if (wake)
-                register_schedule(wake, wake_handler, &id_wait_header);
+            schedule_wake();  // every Identifier held
             return;
         }
         send_accounting(node, node->self->status);
