@@ -1,8 +1,6 @@
 """FreeRADIUS as the daemon's accounting server, for the system tests, the bench and the soak: a
 configuration of its own (one client, 127.0.0.1), started in the foreground, every accounting
-request it accepts written by its accounting modules. The detail module is always there, as the
-record that the tests read. Further modules come in as stanzas of `modules` and names in
-`accounting`. `sql=True` adds the package's own SQL accounting into SQLite: its rlm_sql stanza,
+request it accepts written by its detail module, the record that the tests read. `sql=True` adds the package's own SQL accounting into SQLite: its rlm_sql stanza,
 schema and queries as installed, the radacct table in self.dir/radacct.db. `tls=Certs(...)` adds a
 TLS listener on TCP port 2083 beside the UDP one, modelled on the package's sites-available/tls."""
 import os
@@ -45,12 +43,12 @@ _SQL_PREACCT = '\tpreacct {\n\t\tacct_unique\n\t}'
 # tls_max_version says 1.3. Any address, so that a test may connect to another one than the
 # certificate names; the client is still the one at 127.0.0.1.
 _TLS_HEAD = '''clients radsec {
-	client meterd-tls { ipaddr = 127.0.0.1, proto = tls, secret = %s }
+	client meterd-tls { ipaddr = 127.0.0.1, proto = tls, secret = radsec }
 }'''
 _TLS_LISTEN = '''	listen {
 		type = acct
 		ipaddr = *
-		port = %d
+		port = 2083
 		proto = tcp
 		clients = radsec
 		limit { max_connections = 16, lifetime = 0, idle_timeout = 30 }
@@ -111,22 +109,14 @@ def _sql_module():
 
 
 class FreeRadius:
-    """FreeRADIUS on 127.0.0.1:port, its files in self.dir. `modules` maps the name of each further
-    module to its configuration, in which {dir} stands for self.dir; `accounting` names the modules
-    that record each request, in order."""
+    """FreeRADIUS on 127.0.0.1:port, its files in self.dir."""
 
-    def __init__(self, secret, port=1813, modules=None, accounting=('detail',), sql=False, tls=None,
-                 tls_cert='server', tls_port=2083, tls_secret='radsec', status_server=True):
-        # tls: a Certs; the listener shows its certificate `tls_cert` and trusts the CA 'ca'.
+    def __init__(self, secret, port=1813, sql=False, tls=None, tls_cert='server', status_server=True):
+        # tls: a Certs; the listener, on TCP port 2083 with the secret 'radsec', shows its certificate
+        # `tls_cert` and trusts the CA 'ca'.
         # status_server=False: Status-Server is ignored, as by a server that knows nothing of it.
         self.secret, self.port, self.dir, self.sql = secret, port, '/tmp/freeradius-%d' % port, sql
-        self.status_server = status_server
-        self.tls, self.tls_cert, self.tls_port, self.tls_secret = tls, tls_cert, tls_port, tls_secret
-        self.modules = dict(detail='detail { filename = {dir}/detail }', **(modules or {}))
-        self.accounting = tuple(accounting)
-        if sql:  # ahead of detail: a test that has waited for a record finds its row
-            self.modules = dict(sql=_sql_module(), **self.modules)
-            self.accounting = ('sql',) + self.accounting
+        self.status_server, self.tls, self.tls_cert = status_server, tls, tls_cert
         self.log_path, self.proc = self.dir + '/log', None
 
     def config(self):
@@ -134,13 +124,15 @@ class FreeRadius:
         tls_listen = ''
         if self.tls:
             head += [] if self.sql else [_THREADS]
-            head.append(_TLS_HEAD % self.tls_secret)
-            tls_listen = _TLS_LISTEN % ((self.tls_port,) + self.tls.pair(self.tls_cert) + (self.tls.pair('ca')[0],))
+            head.append(_TLS_HEAD)
+            tls_listen = _TLS_LISTEN % (self.tls.pair(self.tls_cert) + (self.tls.pair('ca')[0],))
+        # sql ahead of detail: a test that has waited for a record finds its row.
+        modules = [_sql_module()] * self.sql + ['detail { filename = {dir}/detail }']
         return _RADIUSD_CONF.format(
             secret=self.secret, port=self.port, head='\n'.join(head), tls_listen=tls_listen,
             preacct=_SQL_PREACCT if self.sql else '',
-            modules='\n'.join('\t' + text.replace('{dir}', self.dir) for text in self.modules.values()),
-            accounting='\n'.join('\t\t' + name for name in self.accounting))
+            modules='\n'.join('\t' + text.replace('{dir}', self.dir) for text in modules),
+            accounting='\n'.join('\t\t' + name for name in ['sql'] * self.sql + ['detail']))
 
     def start(self):
         os.makedirs(self.dir, exist_ok=True)

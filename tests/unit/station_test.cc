@@ -73,10 +73,7 @@ TEST_F(Station, StopOfEachKindOfSession)
     driver(SARNET_CMD_STA_DISASSOC, "wlan-1-2");  // another interface
     EXPECT_EQ(testenv::sent.size(), 1u);
     driver(SARNET_CMD_STA_DISASSOC, "wlan-1-1");
-    ASSERT_EQ(testenv::sent.size(), 2u);
-    uint32_t status = 0;
-    radius_msg_get_attr_int32(n->self->request, 40, &status);
-    EXPECT_EQ(status, 2u);  // a new packet: the Stop (its attributes and cause are the system test's)
+    EXPECT_EQ(testenv::sent.size(), 2u);  // the Stop (its attributes and cause are the radacct test's)
     EXPECT_TRUE(list_empty(&mac_address_header));
 }
 

@@ -93,13 +93,13 @@ struct accounting_radius *DbTest::make_profile(const char *iface, const char *pr
     return r && update_radius_profile(r, &cfg, type) == 0 ? r : nullptr;
 }
 
-void reply(const SentDatagram &d, const char *secret, uint8_t code, uint8_t id_shift, int source)
+void reply(const SentDatagram &d, const char *secret, uint8_t code, uint8_t id_shift)
 {
     AUTH_HDR r;
     size_t n = signed_answer(reinterpret_cast<uint8_t *>(&r), d.bytes.data(), &code, 1, secret);
     r.id = static_cast<uint8_t>(r.id + id_shift);
-    radius_datagram from = {source, d.to, static_cast<ssize_t>(n)};
+    radius_datagram from = {0, d.to, static_cast<ssize_t>(n)};
     radius_response_input(&r, &from);
 }
 
-void answer_last_request(const char *secret, int source) { reply(testenv::sent.back(), secret, 5, 0, source); }
+void answer_last_request(const char *secret) { reply(testenv::sent.back(), secret); }

@@ -69,11 +69,11 @@ private:
     const char *saved_console_;
 };
 
-// The server's answer to d, as if it came on socket `source` from where d
+// The server's answer to d, as if it came on the first socket from where d
 // went, signed with secret: an Accounting-Response, or the Code given, with
 // the Identifier moved by id_shift.
-void reply(const SentDatagram &d, const char *secret, uint8_t code = 5, uint8_t id_shift = 0, int source = 0);
+void reply(const SentDatagram &d, const char *secret, uint8_t code = 5, uint8_t id_shift = 0);
 // The answer to the datagram sent last.
-void answer_last_request(const char *secret, int source = 0);
+void answer_last_request(const char *secret);
 
 #endif
