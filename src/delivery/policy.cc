@@ -81,7 +81,9 @@ void policy_choose(unsigned options)
     chosen.budget_per_request = keep || (options & EXT_RETRY_PER_REQUEST);
     chosen.unique_ids = keep || (options & EXT_UNIQUE_IDS);
     chosen.keep_records = keep;
-    struct compose_rules rules = {(options & EXT_GIGAWORDS) != 0, keep};
+    // Requests that wait for a dead server stay stored for long: at their
+    // own length they keep a session under a kilobyte.
+    struct compose_rules rules = {(options & EXT_GIGAWORDS) != 0, keep, keep};
     compose_configure(&rules);
 }
 

@@ -273,6 +273,18 @@ int accounting_msg(struct accounting_node *node, int status)
     if (rules.event_times)
         add_delay(req, self);
 
+    if (rules.fitted) {
+        // Nothing is added to a stored request afterwards: its length is
+        // all that is ever read of it. Without memory for the copy the
+        // whole buffer serves as well.
+        size_t len = ntohs(req->length);
+        auto *fitted = static_cast<AUTH_HDR *>(mtr_malloc(len));
+        if (fitted) {
+            memcpy(fitted, req, len);
+            mtr_free(req);
+            req = fitted;
+        }
+    }
     self->request = req;
     self->sent_to = 0;
     self->source = source;

@@ -17,6 +17,7 @@ struct compose_rules {
     bool gigawords;    // Acct-Input/Output-Gigawords beside the octets
     bool event_times;  // Event-Timestamp and the session's time from the node's
                        // event_time, and Acct-Delay-Time in every packet
+    bool fitted;       // a stored request takes its length, not a whole buffer
 };
 // Once at start-up (tests again); the rules are copied.
 void compose_configure(const struct compose_rules *rules);

@@ -131,11 +131,12 @@ void get_accounting_vector(AUTH_HDR *request, const char *secret)
     memset(request->vector, 0, sizeof request->vector);
     MD5_CTX ctx;
     pra_MD5Init(&ctx);
-    // The secret is hashed right behind the packet, so it is copied there;
-    // it stays in the buffer but outside `length`, and is never sent.
-    PACKET_CHECK(len <= RADIUS_BUF_LEN && RADIUS_BUF_LEN - len >= secret_len);
-    memcpy(packet_bytes(request) + len, secret, secret_len);
-    pra_MD5Update(&ctx, packet_bytes(request), static_cast<unsigned int>(len + secret_len));
+    // The secret is hashed right behind the packet, without being copied
+    // there: a stored request may be no longer than its length, and no
+    // secret stays behind in it.
+    PACKET_CHECK(len <= RADIUS_BUF_LEN);
+    pra_MD5Update(&ctx, packet_bytes(request), static_cast<unsigned int>(len));
+    pra_MD5Update(&ctx, reinterpret_cast<const unsigned char *>(secret), static_cast<unsigned int>(secret_len));
     pra_MD5Final(request->vector, &ctx);
 }
 
