@@ -312,7 +312,11 @@ void transaction_replace(struct accounting_node *node, int status)
 
 void transaction_send_once(struct accounting_node *node, int status)
 {
-    node->self->event_time = mtr_time();
+    struct user_accounting_info *self = node->self;
+    self->event_time = mtr_time();
+    // With dead servers known, the last word goes to one that answers.
+    if (policy->keep_records && servers_first(self->acct_radius) != SERVER_NONE)
+        self->server = servers_first(self->acct_radius);
     send_accounting(node, status);
     free_accounting_node(node);
 }

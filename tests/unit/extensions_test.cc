@@ -2,6 +2,7 @@
 // design's behaviour it replaces.
 
 #include "delivery/servers.h"
+#include "events/profile_events.h"
 #include "events/session_stop.h"
 #include "platform/station_lookups.h"
 #include "radius/compose.h"
@@ -187,6 +188,8 @@ TEST_F(Extensions, ADeadServerIsProbedUpToTheCapAndRevivedOnlyByAVerifiedAnswer)
     ASSERT_EQ(route_of(), "ppppb");
     answer_last_request("b");
     const time_t death = testenv::now;
+    ovat_exit_remove_radius_all();  // its Accounting-Off, sent once, to the live server
+    ASSERT_EQ(route_of(5), "b");
     std::vector<time_t> probes;
     for (size_t seen = testenv::sent.size(); testenv::now < death + 160; seen = testenv::sent.size()) {
         run(1);
