@@ -67,6 +67,7 @@ struct server_state {
     uint32_t probes;         // probes sent (Status-Server or a request)
     uint32_t probe_answers;  // ... answered
     uint32_t unanswered;     // probes in a row without an answer
+    time_t last_answer;      // of any request or probe: a server that answers is not dead
 };
 
 typedef struct radius_accounting_server {
@@ -143,6 +144,7 @@ struct user_accounting_info {
     time_t event_time;
     unsigned char status;
     unsigned char probing;  // the request is a probe of a dead server: one transmission
+    time_t budget_since;    // when the request's budget with its server began
 };
 
 struct accounting_node {

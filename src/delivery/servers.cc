@@ -133,6 +133,7 @@ int servers_route(struct accounting_node *node)
     struct accounting_radius *radius = self->acct_radius;
     self->retry_count = 1;
     self->probing = 0;
+    self->budget_since = mtr_time();
     // A profile without servers takes the design's road: its node is
     // dropped when it falls due.
     if (!radius || (!radius->primary_server && !radius->backup_server))
@@ -166,22 +167,26 @@ int servers_route(struct accounting_node *node)
     return 1;
 }
 
-void servers_dead(radius_server *server)
+int servers_dead(radius_server *server, const struct user_accounting_info *self)
 {
     struct server_state *st = &server->state;
     if (st->dead)
-        return;
+        return 1;
+    if (st->last_answer >= self->budget_since)
+        return 0;
     st->dead = 1;
     st->since = mtr_time();
     st->unanswered = 0;
     st->by_request = 0;
     st->next_probe = st->since + PROBE_FIRST;
     TRACE("accounting server %s is dead\n", server->hostname);
+    return 1;
 }
 
 void servers_live(radius_server *server)
 {
     struct server_state *st = &server->state;
+    st->last_answer = mtr_time();
     st->probe_in_flight = 0;
     st->unanswered = 0;
     st->by_request = 0;

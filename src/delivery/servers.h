@@ -39,8 +39,10 @@ unsigned char servers_first(const struct accounting_radius *radius);
 int servers_route(struct accounting_node *node);
 
 // The server of node's request let its whole budget pass: it is dead from
-// now on, if it was not already.
-void servers_dead(radius_server *server);
+// now on, if it was not already, unless it answered anything meanwhile (on
+// a lossy path one request may be unlucky where its server is not): 1 if
+// it is dead.
+int servers_dead(radius_server *server, const struct user_accounting_info *self);
 // An answer from server: it is live.
 void servers_live(radius_server *server);
 

@@ -372,16 +372,18 @@ void fail_handler(struct accounting_node *node)
         return;
     }
 
-    // meterd -k: nothing is given up. The server is dead, and the request,
-    // composed anew (its Acct-Delay-Time moves), goes where the profile can
-    // take it, or waits.
+    // meterd -k: nothing is given up. The server is dead, unless it answered
+    // others meanwhile, and the request, composed anew (its Acct-Delay-Time
+    // moves), goes where the profile can take it, or waits.
     if (policy->keep_records) {
         radius_server *server = node_server(self);
-        if (server) {
-            TRACE("%s accounting fail. Accounting server %s no response.\n",
-                  self->user ? self->user->user_name : "", server->hostname);
-            servers_dead(server);
+        const char *user = self->user ? self->user->user_name : "";
+        if (server && servers_dead(server, self)) {
+            TRACE("%s accounting fail. Accounting server %s no response.\n", user, server->hostname);
             schedule_probes();
+        } else if (server) {
+            TRACE("%s accounting fail. Accounting server %s answers others: send again.\n", user,
+                  server->hostname);
         }
         abandon(self);
         send_request(node);

@@ -218,6 +218,20 @@ TEST_F(Extensions, ADeadServerIsProbedUpToTheCapAndRevivedOnlyByAVerifiedAnswer)
     EXPECT_EQ(route_of(seen), "pp");
 }
 
+// On a lossy path a request may lose its whole budget while its server
+// answers others: the server stays live and the request goes to it again.
+TEST_F(Extensions, AServerThatAnswersOthersIsNotDead)
+{
+    two_servers(EXT_KEEP_RECORDS);
+    transaction_begin(session("aa:bb:cc:dd:ee:01", 0), ACCOUNTING_START);
+    run(1);
+    transaction_begin(session("aa:bb:cc:dd:ee:02", 0), ACCOUNTING_START);
+    answer_last_request("k");
+    run(23);
+    EXPECT_EQ(route_of(), "pppppp");
+    EXPECT_EQ(r->primary_server->state.dead, 0);
+}
+
 // -k with both servers dead: nothing is given up. Requests wait on the
 // backlog without a packet; a server's return takes them oldest first, at
 // most PACE in flight, each packet with Acct-Delay-Time (its value and the
