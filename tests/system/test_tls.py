@@ -1,15 +1,33 @@
 #!/usr/bin/python3
-"""RADIUS over TLS with the building blocks alone (the -T file, the TLS seam, the stream reader, the
-packet functions, through build/tls_probe) against FreeRADIUS's own TLS listener: accounting
-answered and recorded, and each refusal told apart, with nothing reaching the server."""
+"""RADIUS over TLS against FreeRADIUS's own TLS listener: first with the building blocks alone (the
+-T file, the TLS seam, the stream reader, the packet functions, through build/tls_probe), accounting
+answered and recorded and each refusal told apart; then the real meterd -T: a session recorded as over
+UDP with nothing readable on the wire, refusals counted with nothing sent, a server restarted, a
+handshake that never ends, and a thousand sessions over one connection. The daemon runs on real
+time: its Interim-Update's look-up starts a sanitized tool, which hangs under libfaketime."""
+import json
+import os
 import pathlib
+import shutil
 import socket
+import subprocess
+import sys
 import threading
+import time
 
 import harness
 from freeradius import Certs, FreeRadius
+from harness import Meterd
+from records import EV_REMOVE, ev_init, event
 
-probe = harness.tool('tls_probe', check=False)
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'bench'))
+from bench import Device, write_stations  # noqa: E402
+
+SECRET, MAC = 'testing123', 'aa:bb:cc:dd:ee:02'
+probe, devsim, meterctl = harness.tool('tls_probe', check=False), harness.tool('devsim'), harness.tool('meterctl', check=False)
+# What differs between two runs of one session, whatever the transport: times, and the row's key.
+MOVING = {'radacctid', 'acctstarttime', 'acctupdatetime', 'acctstoptime', 'acctsessiontime', 'acctinterval',
+          'Acct-Delay-Time', 'Event-Timestamp', 'Acct-Session-Time', 'Packet-Src-Port', 'Packet-Transmit-Counter'}
 
 
 class Tls(harness.SystemTest):
@@ -18,12 +36,16 @@ class Tls(harness.SystemTest):
         super().setUp()
         self.certs = Certs('/tmp/certs')  # in the test's own /tmp
 
-    def probe(self, address='127.0.0.1', count=1, client='client', **keys):
-        # The probe's line for a -T file with our client pair, the CA and `keys`.
+    def tls_file(self, client='client', **keys):
+        # A -T file with our client pair, the CA and `keys`.
         cert, key = self.certs.pair(client)
         lines = dict(ca_file=self.certs.pair('ca')[0], certificate_file=cert, private_key_file=key, **keys)
         pathlib.Path('/tmp/meterd-tls.conf').write_text(''.join('%s = %s\n' % kv for kv in lines.items()))
-        result = probe('/tmp/meterd-tls.conf', address, count)
+        return '/tmp/meterd-tls.conf'
+
+    def probe(self, address='127.0.0.1', count=1, client='client', **keys):
+        # The probe's line for a -T file with our client pair, the CA and `keys`.
+        result = probe(self.tls_file(client, **keys), address, count)
         self.assertEqual(result.stderr, '')
         return result.stdout.strip()
 
@@ -70,6 +92,77 @@ class Tls(harness.SystemTest):
                 threading.Thread(target=serve, daemon=True).start()
                 self.assertEqual(self.probe(), line)
 
+
+    # --- the daemon ----------------------------------------------------------------------------
+
+    def meterd(self, *options, client='client', **keys):
+        # meterd -d -T with a file of our client pair.
+        return self.start(Meterd(['-d', *options, '-T', self.tls_file(client, **keys)], exact=True))
+
+    def connections(self, port=1813):
+        # meterctl stats --json: the TLS connection of each server, by its address.
+        report = json.loads(meterctl('stats', '--json').stdout)
+        return {t['address']: t for t in report.get('transports', []) if t['port'] == port}
+
+    def session(self, *options):
+        # Accounting-On, a Start, an Interim-Update, a Stop and the Accounting-Off of one session
+        # (meterd with options) into FreeRADIUS's SQL accounting: its detail records and radacct rows,
+        # without what moves from run to run.
+        server = self.start(FreeRadius(SECRET, sql=True, tls=self.certs))
+        daemon = self.start(Meterd(['-d', *options], exact=True))
+        daemon.send(ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
+        server.wait_records(1)
+        devsim('station', 'add', '--mac', MAC, '--ip', '10.0.0.8', '--rx', 1000, '--tx', 2000)
+        devsim('login', '--user', 'dave', '--mac', MAC, '--iface', 'wlan-1-1', '--interim', 3, '--session-id', 'S-t')
+        devsim('report', '--mac', MAC, '--ip', '10.0.0.8')
+        server.wait_records(3)
+        devsim('disassoc', '--mac', MAC, '--iface', 'wlan-1-1')
+        server.wait_records(4)
+        daemon.send(event(EV_REMOVE, 'wlan-1-1'))
+        records, rows = server.wait_records(5), server.radacct()
+        for thing in (daemon, server):
+            thing.stop()
+        shutil.rmtree(server.dir)
+        return ([{k: v for k, v in r.items() if k not in MOVING} for r in records],
+                [{k: v for k, v in r.items() if k not in MOVING} for r in rows])
+
+    def test_a_session_over_tls_is_recorded_as_over_udp_and_unreadable_on_the_wire(self):
+        over_udp = self.session()
+        self.assertEqual([r['Acct-Status-Type'] for r in over_udp[0]],
+                         ['Accounting-On', 'Start', 'Interim-Update', 'Stop', 'Accounting-Off'])
+        capture = subprocess.Popen(['dumpcap', '-q', '-i', 'lo', '-w', '/tmp/lo.pcap'], stderr=subprocess.DEVNULL)
+        self.addCleanup(capture.kill)
+        harness._poll(lambda: os.path.exists('/tmp/lo.pcap'), 5, lambda: 'dumpcap did not start')
+        time.sleep(0.5)
+        self.assertEqual(self.session('-T', self.tls_file()), over_udp)
+        capture.terminate()
+        capture.wait(5)
+        # No RADIUS over UDP left, and the TCP payload (there is some) shows no attribute's text.
+        read = lambda *args: subprocess.run(['tshark', '-r', '/tmp/lo.pcap', *args], capture_output=True,
+                                            text=True, check=True).stdout.split()
+        self.assertEqual(read('-Y', 'udp'), [])
+        payload = bytes.fromhex(''.join(read('-Y', 'tcp.len > 0', '-T', 'fields', '-e', 'tcp.payload')))
+        self.assertGreater(len(payload), 1000)
+        for text in (b'dave', b'S-t', b'AA-BB-CC-DD-EE-02', b'wlan-1-1'):
+            self.assertNotIn(text, payload)
+
+    def test_refusals_counted_and_nothing_sent(self):
+        # A server of an unknown CA, one with an expired certificate, one that refuses our certificate.
+        for cert, client, figure in (('rogue', 'client', 'certificate_refusals'),
+                                     ('expired', 'client', 'certificate_refusals'),
+                                     ('server', 'rogue-client', 'handshake_failures')):
+            with self.subTest(cert=cert, client=client):
+                server = self.start(FreeRadius(SECRET, tls=self.certs, tls_cert=cert))
+                daemon = self.meterd(client=client)
+                mark = len(self.console.text)
+                daemon.send(ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
+                self.console.wait_for('RADIUS/TLS to 127.0.0.1 port 2083: ', mark)
+                harness._poll(lambda: self.connections()['127.0.0.1'][figure] >= 1, 5, lambda: self.connections())
+                time.sleep(1)  # the retransmissions' time
+                self.assertEqual(server.records(), [])
+                self.assertNotIn('radsec', self.console.text[mark:])
+                for thing in (daemon, server):
+                    thing.stop()
 
 if __name__ == '__main__':
     harness.main()
