@@ -163,6 +163,88 @@ class Tls(harness.SystemTest):
                 self.assertNotIn('radsec', self.console.text[mark:])
                 for thing in (daemon, server):
                     thing.stop()
+    def test_a_restarted_server_loses_nothing(self):
+        server = self.start(FreeRadius(SECRET, tls=self.certs))
+        daemon = self.meterd('-x')
+        daemon.send(ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
+        devsim('station', 'add', '--mac', MAC, '--ip', '10.0.0.8', '--rx', 1000, '--tx', 2000)
+        devsim('login', '--user', 'dave', '--mac', MAC, '--iface', 'wlan-1-1', '--interim', 3, '--session-id', 'S-r')
+        devsim('report', '--mac', MAC, '--ip', '10.0.0.8')
+        server.wait_records(3)
+        # Away while an Interim-Update falls due; the same detail file when it is back.
+        server.stop()
+        time.sleep(4)
+        server = self.start(FreeRadius(SECRET, tls=self.certs))
+        # The Interim-Update of the outage comes late, not lost; then the Stop.
+        late = server.wait_records(4, timeout=40)[3]
+        self.assertEqual(late['Acct-Status-Type'], 'Interim-Update')
+        devsim('disassoc', '--mac', MAC, '--iface', 'wlan-1-1')
+        harness._poll(lambda: ('Stop', 'S-r') in server.kinds(), 10, lambda: server.kinds())
+        kinds = [k for k, _ in server.kinds()]
+        self.assertEqual((kinds[:2], set(kinds[2:-1]), kinds[-1]), (['Accounting-On', 'Start'], {'Interim-Update'}, 'Stop'))
+        connection = self.connections()['127.0.0.1']
+        # It went while the server was away: refused then, and again on a new connection.
+        self.assertEqual((connection['opened'], connection['lost'], connection['up']), (2, 1, 1))
+        self.assertGreaterEqual(connection['handshake_failures'], 1)
+
+    def test_a_handshake_that_never_ends_fails_over_to_the_backup(self):
+        # The primary accepts TCP and says nothing; the backup is FreeRADIUS on another address,
+        # which the certificate names as radius.test alone.
+        backup = self.start(FreeRadius(SECRET, tls=self.certs, tls_address='127.0.0.2'))
+        listener, held = socket.create_server(('127.0.0.1', 2083)), []
+
+        def hold():
+            try:
+                while True:
+                    held.append(listener.accept()[0])
+            except OSError:  # shut down
+                listener.close()
+        threading.Thread(target=hold, daemon=True).start()
+        # A listener stays one while its accept() waits: shut down, it wakes and lets the port go.
+        self.addCleanup(lambda: [s.close() for s in held])
+        self.addCleanup(listener.shutdown, socket.SHUT_RDWR)
+        daemon = self.meterd(server_name='radius.test')
+        daemon.send(ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET, '127.0.0.2', 1813, SECRET))
+        self.assertEqual(backup.wait_records(1, timeout=60)[0]['Acct-Status-Type'], 'Accounting-On')
+        self.wait_console('RADIUS/TLS to 127.0.0.1 port 2083: timed out: no connection within the time')
+        connections = self.connections()
+        self.assertEqual(connections['127.0.0.1']['opened'], 0)
+        self.assertGreaterEqual(connections['127.0.0.1']['handshake_failures'], 1)
+        self.assertEqual(connections['127.0.0.2']['opened'], 1)
+        self.assertTrue(held)
+
+    def test_an_idle_connection_kept_by_its_watchdog(self):
+        # FreeRADIUS closes a connection after 30 idle seconds; the watchdog's Status-Server keeps it.
+        server = self.start(FreeRadius(SECRET, tls=self.certs))
+        self.meterd().send(ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
+        server.wait_records(1)
+        time.sleep(35)
+        connection = self.connections()['127.0.0.1']
+        self.assertEqual((connection['opened'], connection['lost'], connection['up']), (1, 0, 1))
+        self.assertGreaterEqual(connection['watchdogs'], 1)
+        self.assertEqual(server.records()[1:], [])  # Status-Server is no accounting
+
+    def test_a_thousand_sessions_over_one_connection(self):
+        server, sessions = self.start(FreeRadius(SECRET, tls=self.certs)), 1000
+        write_stations(range(sessions))
+        daemon = self.meterd()
+        daemon.send(ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
+        server.wait_records(1)
+        device = Device()
+        self.addCleanup(device.unix.close)
+        self.addCleanup(device.netlink.close)
+        for n in range(sessions):
+            device.login(n, 86400)
+            device.report(n)
+        server.wait_records(1 + sessions, timeout=60)
+        for n in range(sessions):
+            device.disassoc(n)
+        records = server.wait_records(1 + 2 * sessions, timeout=60)
+        users = lambda kind: {r['User-Name'] for r in records if r['Acct-Status-Type'] == kind}
+        self.assertEqual((len(users('Start')), len(users('Stop'))), (sessions, sessions))
+        connection = self.connections()['127.0.0.1']
+        self.assertEqual((connection['opened'], connection['lost']), (1, 0))
+
 
 if __name__ == '__main__':
     harness.main()
