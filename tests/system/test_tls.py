@@ -146,21 +146,35 @@ class Tls(harness.SystemTest):
         for text in (b'dave', b'S-t', b'AA-BB-CC-DD-EE-02', b'wlan-1-1'):
             self.assertNotIn(text, payload)
 
+    def test_a_bad_file_stops_the_start(self):
+        os.chmod(self.certs.pair('client')[1], 0o644)
+        for keys in ({}, {'colour': 'blue'}):
+            with self.subTest(**keys):
+                result = subprocess.run([os.path.join(harness.BUILD_DIR, 'meterd'), '-T', self.tls_file(**keys)],
+                                        capture_output=True, text=True, timeout=10)
+                self.assertEqual((result.returncode, result.stderr.count('\n')), (1, 1), result.stderr)
+                self.assertIn('colour' if keys else 'private_key_file', result.stderr)
+                self.assertFalse(os.path.exists(harness.PID_FILE))
+
     def test_refusals_counted_and_nothing_sent(self):
-        # A server of an unknown CA, one with an expired certificate, one that refuses our certificate.
-        for cert, client, figure in (('rogue', 'client', 'certificate_refusals'),
-                                     ('expired', 'client', 'certificate_refusals'),
-                                     ('server', 'rogue-client', 'handshake_failures')):
-            with self.subTest(cert=cert, client=client):
+        # A server of an unknown CA, one with an expired certificate, one that refuses our certificate;
+        # and one that drops what a wrong secret signed: unanswered, the connection is closed.
+        for cert, client, secret, figure, line in (
+                ('rogue', 'client', 'radsec', 'certificate_refusals', ': certificate refused: '),
+                ('expired', 'client', 'radsec', 'certificate_refusals', ': certificate refused: '),
+                ('server', 'rogue-client', 'radsec', 'handshake_failures', ': refused by the server: '),
+                ('server', 'client', 'not-radsec', 'lost', ': a request went unanswered, connection closed')):
+            with self.subTest(cert=cert, client=client, secret=secret):
                 server = self.start(FreeRadius(SECRET, tls=self.certs, tls_cert=cert))
-                daemon = self.meterd(client=client)
+                daemon = self.meterd(client=client, secret=secret)
                 mark = len(self.console.text)
                 daemon.send(ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
-                self.console.wait_for('RADIUS/TLS to 127.0.0.1 port 2083: ', mark)
+                line = 'RADIUS/TLS to 127.0.0.1' + ' port 2083' * (figure != 'lost') + line
+                harness._poll(lambda: line in self.console.text[mark:], 15, lambda: self.console.text[mark:])
                 harness._poll(lambda: self.connections()['127.0.0.1'][figure] >= 1, 5, lambda: self.connections())
                 time.sleep(1)  # the retransmissions' time
                 self.assertEqual(server.records(), [])
-                self.assertNotIn('radsec', self.console.text[mark:])
+                self.assertNotIn(secret, self.console.text[mark:])
                 for thing in (daemon, server):
                     thing.stop()
     def test_a_restarted_server_loses_nothing(self):
