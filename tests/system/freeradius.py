@@ -95,8 +95,13 @@ class Certs:
         return '%s/%s.pem' % (self.dir, name), '%s/%s.key' % (self.dir, name)
 
     def _openssl(self, *args, shift=None):
-        subprocess.run((['faketime', '-f', shift] if shift else []) + ['openssl', *args], check=True,
-                       capture_output=True, cwd=self.dir)
+        # Under faketime it fails now and then on a loaded machine: tried again, its words kept.
+        for _ in range(3):
+            result = subprocess.run((['faketime', '-f', shift] if shift else []) + ['openssl', *args],
+                                    capture_output=True, cwd=self.dir)
+            if result.returncode == 0:
+                return
+        raise AssertionError('openssl %s: %s' % (' '.join(args), result.stderr.decode(errors='replace')))
 
 
 def _sql_module():
@@ -149,6 +154,9 @@ class FreeRadius:
         if self.proc and self.proc.poll() is None:
             self.proc.terminate()
             self.proc.wait(10)
+
+    def log(self):
+        return harness.read_file(self.log_path)
 
     def records(self):
         # Every finished detail record as {attribute: value}, without Timestamp.

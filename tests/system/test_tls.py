@@ -32,9 +32,11 @@ MOVING = {'radacctid', 'acctstarttime', 'acctupdatetime', 'acctstoptime', 'accts
 
 class Tls(harness.SystemTest):
 
-    def setUp(self):
-        super().setUp()
-        self.certs = Certs('/tmp/certs')  # in the test's own /tmp
+    @classmethod
+    def setUpClass(cls):
+        # Made once for the file, in the build folder, which every test's fresh /tmp leaves in sight.
+        shutil.rmtree(os.path.join(harness.BUILD_DIR, 'tls-certs'), ignore_errors=True)
+        cls.certs = Certs(os.path.join(harness.BUILD_DIR, 'tls-certs'))
 
     def tls_file(self, client='client', **keys):
         # A -T file with our client pair, the CA and `keys`.
@@ -148,6 +150,7 @@ class Tls(harness.SystemTest):
 
     def test_a_bad_file_stops_the_start(self):
         os.chmod(self.certs.pair('client')[1], 0o644)
+        self.addCleanup(os.chmod, self.certs.pair('client')[1], 0o600)
         for keys in ({}, {'colour': 'blue'}):
             with self.subTest(**keys):
                 result = subprocess.run([os.path.join(harness.BUILD_DIR, 'meterd'), '-T', self.tls_file(**keys)],
@@ -234,7 +237,8 @@ class Tls(harness.SystemTest):
         server.wait_records(1)
         time.sleep(35)
         connection = self.connections()['127.0.0.1']
-        self.assertEqual((connection['opened'], connection['lost'], connection['up']), (1, 0, 1))
+        self.assertEqual((connection['opened'], connection['lost'], connection['up']), (1, 0, 1),
+                         self.console.text[self.mark:] + server.log()[-3000:])
         self.assertGreaterEqual(connection['watchdogs'], 1)
         self.assertEqual(server.records()[1:], [])  # Status-Server is no accounting
 
