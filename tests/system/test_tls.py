@@ -184,6 +184,7 @@ class Tls(harness.SystemTest):
         server = self.start(FreeRadius(SECRET, tls=self.certs))
         daemon = self.meterd('-x')
         daemon.send(ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
+        server.wait_records(1)
         devsim('station', 'add', '--mac', MAC, '--ip', '10.0.0.8', '--rx', 1000, '--tx', 2000)
         devsim('login', '--user', 'dave', '--mac', MAC, '--iface', 'wlan-1-1', '--interim', 3, '--session-id', 'S-r')
         devsim('report', '--mac', MAC, '--ip', '10.0.0.8')
