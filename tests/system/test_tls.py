@@ -106,18 +106,22 @@ class Tls(harness.SystemTest):
         report = json.loads(meterctl('stats', '--json').stdout)
         return {t['address']: t for t in report.get('transports', []) if t['port'] == port}
 
+    def begin(self, server, daemon, session):
+        # The profile's Accounting-On, then dave's session with its Start and first Interim-Update.
+        daemon.send(ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
+        server.wait_records(1)
+        devsim('station', 'add', '--mac', MAC, '--ip', '10.0.0.8', '--rx', 1000, '--tx', 2000)
+        devsim('login', '--user', 'dave', '--mac', MAC, '--iface', 'wlan-1-1', '--interim', 3, '--session-id', session)
+        devsim('report', '--mac', MAC, '--ip', '10.0.0.8')
+        server.wait_records(3)
+        return daemon
+
     def session(self, *options):
         # Accounting-On, a Start, an Interim-Update, a Stop and the Accounting-Off of one session
         # (meterd with options) into FreeRADIUS's SQL accounting: its detail records and radacct rows,
         # without what moves from run to run.
         server = self.start(FreeRadius(SECRET, sql=True, tls=self.certs))
-        daemon = self.start(Meterd(['-d', *options], exact=True))
-        daemon.send(ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
-        server.wait_records(1)
-        devsim('station', 'add', '--mac', MAC, '--ip', '10.0.0.8', '--rx', 1000, '--tx', 2000)
-        devsim('login', '--user', 'dave', '--mac', MAC, '--iface', 'wlan-1-1', '--interim', 3, '--session-id', 'S-t')
-        devsim('report', '--mac', MAC, '--ip', '10.0.0.8')
-        server.wait_records(3)
+        daemon = self.begin(server, self.start(Meterd(['-d', *options], exact=True)), 'S-t')
         devsim('disassoc', '--mac', MAC, '--iface', 'wlan-1-1')
         server.wait_records(4)
         daemon.send(event(EV_REMOVE, 'wlan-1-1'))
@@ -182,13 +186,7 @@ class Tls(harness.SystemTest):
                     thing.stop()
     def test_a_restarted_server_loses_nothing(self):
         server = self.start(FreeRadius(SECRET, tls=self.certs))
-        daemon = self.meterd('-x')
-        daemon.send(ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
-        server.wait_records(1)
-        devsim('station', 'add', '--mac', MAC, '--ip', '10.0.0.8', '--rx', 1000, '--tx', 2000)
-        devsim('login', '--user', 'dave', '--mac', MAC, '--iface', 'wlan-1-1', '--interim', 3, '--session-id', 'S-r')
-        devsim('report', '--mac', MAC, '--ip', '10.0.0.8')
-        server.wait_records(3)
+        self.begin(server, self.meterd('-x'), 'S-r')
         # Away while an Interim-Update falls due; the same detail file when it is back.
         server.stop()
         time.sleep(4)
