@@ -17,6 +17,9 @@
 //    Status-Server; unanswered after WATCHDOG_WAIT seconds, the connection
 //    is taken for dead and closed. It also keeps FreeRADIUS, which closes a
 //    connection after 30 idle seconds, from closing ours.
+//    After IDLE_CLOSE seconds without a packet of the client's, the
+//    connection is closed instead (a server left by the profiles is not
+//    kept alive for ever); the next packet opens it again.
 //  - a request unanswered within its time-out closes the connection it
 //    went out on; its retransmission goes on a new one (or to the backup).
 //
@@ -57,6 +60,7 @@ enum {
     RECONNECT_CAP = 60,
     WATCHDOG_IDLE = 20,
     WATCHDOG_WAIT = RADIUS_TIME_OUT,
+    IDLE_CLOSE = 300,  // seconds without a packet of the client: the watchdog stops keeping it
     TICK_MS = 1000,  // the thread looks at its deadlines at least this often
 };
 
@@ -74,6 +78,7 @@ struct connection {
     uint32_t sent_epoch[256];  // per Identifier, the epoch it last went out in
     bool close_asked;          // a request went unanswered on this epoch
     time_t retry_at;           // no open before this second (after a failed one)
+    time_t used;               // the last second a packet of the client was queued
     time_t wait;               // the next failed open's wait
     size_t out_len;            // bytes of whole packets queued in out
     uint8_t out[OUT_BYTES];
@@ -81,6 +86,7 @@ struct connection {
     uint32_t opened, handshake_failures, certificate_refusals, lost, bad_lengths, watchdogs;
 
     // The thread's alone.
+    struct in_addr peer;  // ip when the connection was opened
     int fd;
     struct tls_conn *tls;
     long deadline_ms;   // of the open under way
@@ -120,22 +126,32 @@ void poke()
     (void)n;  // a full counter wakes the thread all the same
 }
 
-// The connection of a server, made on first use. Under tls_lock.
+// The connection of a server, made on first use; when the table is full,
+// in the place of a closed one (a server the profiles may have left). Under
+// tls_lock.
 struct connection *connection_of(const radius_server *server)
 {
     for (int i = 0; i < count; i++)
         if (table[i]->acct_port == server->acct_port && strcmp(table[i]->host, server->hostname) == 0)
             return table[i];
-    if (count == CONNECTIONS)
-        return nullptr;
-    auto *c = static_cast<struct connection *>(mtr_calloc(1, sizeof(struct connection)));
-    if (!c)
-        return nullptr;
+    struct connection *c = nullptr;
+    for (int i = 0; i < count && !c; i++)
+        if (count == CONNECTIONS && table[i]->state == CLOSED && table[i]->out_len == 0)
+            c = table[i];
+    if (c) {
+        memset(c, 0, sizeof *c);
+    } else {
+        if (count == CONNECTIONS)
+            return nullptr;
+        c = static_cast<struct connection *>(mtr_calloc(1, sizeof(struct connection)));
+        if (!c)
+            return nullptr;
+        table[count++] = c;
+    }
     snprintf(c->host, sizeof c->host, "%s", server->hostname);
     c->acct_port = server->acct_port;
     c->fd = -1;
     c->wait = RECONNECT_FIRST;
-    table[count++] = c;
     return c;
 }
 
@@ -144,6 +160,8 @@ ssize_t tls_send(radius_server *server, int, const void *packet, size_t len, con
     pthread_mutex_lock(&tls_lock);
     struct connection *c = connection_of(server);
     ssize_t result = -1;
+    if (c)
+        c->ip = to->sin_addr;
     if (!c)
         errno = ENOMEM;
     else if (c->state == CLOSED && now_s() < c->retry_at)
@@ -151,9 +169,9 @@ ssize_t tls_send(radius_server *server, int, const void *packet, size_t len, con
     else if (len < RADIUS_HDR_LEN || len > sizeof c->out - c->out_len)
         errno = ENOBUFS;
     else {
-        c->ip = to->sin_addr;
         memcpy(c->out + c->out_len, packet, len);
         c->out_len += len;
+        c->used = now_s();
         c->sent_epoch[static_cast<const uint8_t *>(packet)[1]] = c->epoch;
         result = static_cast<ssize_t>(len);
     }
@@ -196,9 +214,11 @@ void tls_report(char *out, size_t size, size_t *n)
 
 // --- the thread -------------------------------------------------------------
 
+enum shut_reason { SHUT_LOST, SHUT_FAILED, SHUT_IDLE };
+
 // Ends c's socket. Under tls_lock. A failed open waits before the next one;
 // what was queued goes with the connection, its requests to their time-outs.
-void shut(struct connection *c, bool failed)
+void shut(struct connection *c, enum shut_reason why)
 {
     if (c->tls)
         tls_conn_free(c->tls);
@@ -206,14 +226,14 @@ void shut(struct connection *c, bool failed)
         close(c->fd);
     c->tls = nullptr;
     c->fd = -1;
-    if (c->state == UP)
+    if (c->state == UP && why != SHUT_IDLE)
         c->lost++;
     c->state = CLOSED;
     c->epoch++;
     c->out_len = 0;
     c->close_asked = false;
     c->watchdog = false;
-    if (failed) {
+    if (why == SHUT_FAILED) {
         c->retry_at = now_s() + c->wait;
         c->wait = c->wait * 2 < RECONNECT_CAP ? c->wait * 2 : RECONNECT_CAP;
     }
@@ -229,7 +249,7 @@ void open_failed(struct connection *c, enum tls_result r, const char *reason)
         c->handshake_failures++;
     console_write("RADIUS/TLS to %s port %u: %s: %s\n", c->host, static_cast<unsigned>(config.port),
                   tls_result_name(r), reason);
-    shut(c, true);
+    shut(c, SHUT_FAILED);
 }
 
 void start_open(struct connection *c)
@@ -237,7 +257,7 @@ void start_open(struct connection *c)
     struct sockaddr_in to;
     memset(&to, 0, sizeof to);
     to.sin_family = AF_INET;
-    to.sin_addr = c->ip;
+    to.sin_addr = c->peer = c->ip;
     to.sin_port = htons(config.port);
     c->fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (c->fd < 0 || (connect(c->fd, reinterpret_cast<struct sockaddr *>(&to), sizeof to) < 0 &&
@@ -304,7 +324,7 @@ void flush(struct connection *c)
             if (r == TLS_PEER_REFUSED)
                 open_failed(c, r, tls_conn_reason(c->tls));
             else
-                shut(c, false);
+                shut(c, SHUT_LOST);
             return;
         }
         memmove(c->out, c->out + len, c->out_len - len);
@@ -336,7 +356,7 @@ void packet_in(void *ctx, const uint8_t *pkt, size_t n)
     struct radius_datagram from;
     memset(&from, 0, sizeof from);
     from.from.sin_family = AF_INET;
-    from.from.sin_addr = c->ip;
+    from.from.sin_addr = c->peer;
     from.from.sin_port = htons(static_cast<uint16_t>(c->acct_port));
     from.length = static_cast<ssize_t>(n);
     d->answers++;
@@ -410,7 +430,7 @@ void serve(struct connection *c, short revents)
     pthread_mutex_lock(&tls_lock);
     if (c->close_asked) {
         TRACE("RADIUS/TLS to %s: a request went unanswered, connection closed\n", c->host);
-        shut(c, false);
+        shut(c, SHUT_LOST);
     }
     if (c->state == CLOSED && c->out_len == 0) {
         // nothing to do
@@ -442,10 +462,14 @@ void serve(struct connection *c, short revents)
         if (failed)
             open_failed(c, why, tls_conn_reason(c->tls));
         else
-            shut(c, false);
+            shut(c, SHUT_LOST);
     } else if (c->state == UP && c->watchdog && now >= c->watchdog_deadline) {
         TRACE("RADIUS/TLS to %s: watchdog unanswered, connection closed\n", c->host);
-        shut(c, false);
+        shut(c, SHUT_LOST);
+    }
+    if (c->state == UP && !c->watchdog && c->out_len == 0 && now - c->used >= IDLE_CLOSE) {
+        TRACE("RADIUS/TLS to %s: unused, connection closed\n", c->host);
+        shut(c, SHUT_IDLE);
     }
     bool quiet = c->state == UP && !c->watchdog && c->out_len == 0 && now - c->heard >= WATCHDOG_IDLE;
     pthread_mutex_unlock(&tls_lock);
