@@ -235,7 +235,7 @@ void shut(struct connection *c, enum shut_reason why)
     c->watchdog = false;
     if (why == SHUT_FAILED) {
         c->retry_at = now_s() + c->wait;
-        c->wait = c->wait * 2 < RECONNECT_CAP ? c->wait * 2 : RECONNECT_CAP;
+        c->wait = c->wait * 2 < RECONNECT_CAP ? c->wait * 2 : time_t{RECONNECT_CAP};
     }
 }
 
