@@ -261,6 +261,8 @@ class Tls(harness.SystemTest):
         self.assertEqual((len(users('Start')), len(users('Stop'))), (sessions, sessions))
         connection = self.connections()['127.0.0.1']
         self.assertEqual((connection['opened'], connection['lost']), (1, 0))
+        self.assertRegex(meterctl('stats').stdout, r'\n127\.0\.0\.1:1813 over tls to port 2083: up, TLSv1\.3 TLS_\S+, '
+                         r'opened 1, handshake failures 0, certificate refusals 0, lost 0\n')
 
 
 if __name__ == '__main__':
