@@ -8,7 +8,7 @@ set -euo pipefail
 packages=(
   build-essential binutils cmake g++ clang-14 clang libclang-rt-14-dev libgtest-dev googletest
   freeradius freeradius-utils openssl libssl-dev sqlite3 python3 faketime iproute2 util-linux mount
-  musl-tools musl-dev shellcheck
+  musl-tools musl-dev shellcheck tshark
 )
 packages+=("$@")  # what a caller needs beyond these, e.g. scripts/cross-test.sh
 

@@ -459,6 +459,9 @@ struct stats_report {
     stats_line state[MAX_STATES];
     int states;
     stats_line backlog;
+    // meterd -T: "transport ADDRESS PORT KIND" with pairs, some of text (version, cipher).
+    stats_line transport[MAX_SERVERS];
+    int transports;
 };
 
 int larger(int a, int b)
@@ -478,6 +481,7 @@ bool parse_stats(char *text, stats_report *r)
     r->servers = 0;
     r->states = 0;
     r->backlog.count = 0;
+    r->transports = 0;
     for (char *save = nullptr, *line = strtok_r(text, "\n", &save); line; line = strtok_r(nullptr, "\n", &save)) {
         stats_line l;
         l.count = 0;
@@ -489,14 +493,23 @@ bool parse_stats(char *text, stats_report *r)
         if (l.count == 0)
             return false;
         bool server = strcmp(l.word[0], "server") == 0, state = strcmp(l.word[0], "state") == 0;
-        int first = server ? 3 : state ? 5 : 1;
-        if ((!server && !state && strcmp(l.word[0], "extensions") != 0 && strcmp(l.word[0], "backlog") != 0) ||
-            l.count < first || (l.count - first) % 2 || (first > 1 && !all_of(l.word[first - 1], "0123456789")))
+        bool transport = strcmp(l.word[0], "transport") == 0;
+        int first = server ? 3 : state ? 5 : transport ? 4 : 1;
+        int port = transport ? 2 : first - 1;
+        if ((!server && !state && !transport && strcmp(l.word[0], "extensions") != 0 &&
+             strcmp(l.word[0], "backlog") != 0) ||
+            l.count < first || (l.count - first) % 2 || (first > 1 && !all_of(l.word[port], "0123456789")))
             return false;
+        // A transport's values may be names: its protocol version and cipher.
+        const char *values = transport ? "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_.-"
+                                       : "0123456789";
         for (int i = first; i < l.count; i += 2)
-            if (!all_of(l.word[i], "abcdefghijklmnopqrstuvwxyz_") || !all_of(l.word[i + 1], "0123456789"))
+            if (!all_of(l.word[i], "abcdefghijklmnopqrstuvwxyz_") || !all_of(l.word[i + 1], values))
                 return false;
-        if (server) {
+        if (transport) {
+            if (r->transports < stats_report::MAX_SERVERS)
+                r->transport[r->transports++] = l;
+        } else if (server) {
             if (r->servers < stats_report::MAX_SERVERS)
                 r->server[r->servers++] = l;
         } else if (state) {
@@ -541,6 +554,20 @@ void print_stats_json(const stats_report *r)
             printf("%s\"%s\": %s", i > 1 ? ", " : "", r->backlog.word[i], r->backlog.word[i + 1]);
         printf("}");
     }
+    if (r->transports) {
+        printf(", \"transports\": [");
+        for (int t = 0; t < r->transports; t++) {
+            const stats_line &l = r->transport[t];
+            printf("%s{\"address\": \"%s\", \"port\": %s, \"transport\": \"%s\"", t ? ", " : "", l.word[1],
+                   l.word[2], l.word[3]);
+            for (int i = 4; i < l.count; i += 2) {
+                const char *q = all_of(l.word[i + 1], "0123456789") ? "" : "\"";
+                printf(", \"%s\": %s%s%s", l.word[i], q, l.word[i + 1], q);
+            }
+            printf("}");
+        }
+        printf("]");
+    }
     printf("}\n");
 }
 
@@ -574,6 +601,21 @@ void print_states(const stats_report *r)
            pair_value(r->backlog, "oldest_age"));
 }
 
+// meterd -T: each server's connection.
+void print_transports(const stats_report *r)
+{
+    if (r->transports)
+        printf("\n");
+    for (int t = 0; t < r->transports; t++) {
+        const stats_line &l = r->transport[t];
+        printf("%s:%s over %s to port %s: %s, %s %s, opened %s, handshake failures %s, certificate refusals %s, "
+               "lost %s\n",
+               l.word[1], l.word[2], l.word[3], pair_value(l, "tls_port"), strcmp(pair_value(l, "up"), "0") ? "up" : "down",
+               pair_value(l, "version"), pair_value(l, "cipher"), pair_value(l, "opened"),
+               pair_value(l, "handshake_failures"), pair_value(l, "certificate_refusals"), pair_value(l, "lost"));
+    }
+}
+
 // A column a server, a line a figure; names with blanks for underscores.
 void print_stats_table(const stats_report *r)
 {
@@ -586,6 +628,7 @@ void print_stats_table(const stats_report *r)
     if (r->servers == 0) {
         printf("no request sent yet\n");
         print_states(r);
+        print_transports(r);
         return;
     }
     char head[stats_report::MAX_SERVERS][32];
@@ -620,6 +663,7 @@ void print_stats_table(const stats_report *r)
         printf("\n");
     }
     print_states(r);
+    print_transports(r);
 }
 
 // Asks from a socket of its own, which the system names, and takes the

@@ -11,6 +11,7 @@
 #include "frame/domain_socket.h"
 #include "frame/meterd.h"
 #include "radius/client_stats.h"
+#include "radius/transport.h"
 
 namespace {
 
@@ -25,6 +26,7 @@ void delivery_stats(const struct domain_socket_peer *to)
     n += client_stats_report(text + n, sizeof text - n);
     if (policy->keep_records)
         n += servers_report(text + n, sizeof text - n);
+    radius_transport->report(text, sizeof text, &n);
     if (to)
         domain_socket_reply(to, text, n);
 }

@@ -17,6 +17,8 @@
 #include "frame/meterd.h"
 #include "platform/platform.h"
 #include "radius/radius_send_recieve.h"
+#include "radius/tls_config.h"
+#include "radius/transport.h"
 
 namespace {
 
@@ -27,7 +29,7 @@ struct thread_entry {
 
 // Started in this order and joined in it; the last two only in cloud mode.
 const thread_entry thread_table[] = {
-    {do_response_receive, false},
+    {radius_transport_thread, false},
     {do_scheduler, false},
     {do_event_handler_ovat, false},
     {do_event_handler_station_on_off, false},
@@ -40,24 +42,34 @@ void option_debug()
     debug.store(1, std::memory_order_relaxed);
 }
 
+const char *tls_file = nullptr;  // meterd -T
+
+void option_tls()
+{
+    tls_file = optarg;
+}
+
 // The options of meterd, one letter each; getopt's option string is made
 // from this table, so a new option is one more line here. An option either
-// runs its function or turns extensions on.
+// runs its function (which finds its argument, if it takes one, in optarg)
+// or turns extensions on.
 struct option_entry {
     char letter;
     void (*take)();
     unsigned extension;
+    bool argument;
 };
 
 const option_entry option_table[] = {
-    {'d', option_debug, 0},       // console diagnostics from the start
-    {'s', console_to_syslog, 0},  // console lines to syslog instead of /dev/console
-    {'x', nullptr, EXT_ALL},      // every extension below
-    {'g', nullptr, EXT_GIGAWORDS},
-    {'i', nullptr, EXT_UNIQUE_IDS},
-    {'r', nullptr, EXT_RETRY_PER_REQUEST},
-    {'c', nullptr, EXT_STEADY_COUNTERS},
-    {'k', nullptr, EXT_KEEP_RECORDS},
+    {'d', option_debug, 0, false},       // console diagnostics from the start
+    {'s', console_to_syslog, 0, false},  // console lines to syslog instead of /dev/console
+    {'x', nullptr, EXT_ALL, false},      // every extension below
+    {'g', nullptr, EXT_GIGAWORDS, false},
+    {'i', nullptr, EXT_UNIQUE_IDS, false},
+    {'r', nullptr, EXT_RETRY_PER_REQUEST, false},
+    {'c', nullptr, EXT_STEADY_COUNTERS, false},
+    {'k', nullptr, EXT_KEEP_RECORDS, false},
+    {'T', option_tls, 0, true},  // RADIUS over TLS, set up by the file named
 };
 
 const size_t option_count = sizeof option_table / sizeof option_table[0];
@@ -72,9 +84,13 @@ int meterd_main(int argc, char **argv)
     global_ap_mac[sizeof global_ap_mac - 1] = '\0';
     trimnewline(global_ap_mac);
 
-    char letters[option_count + 1] = {};
-    for (size_t i = 0; i < option_count; i++)
-        letters[i] = option_table[i].letter;
+    char letters[2 * option_count + 1] = {};
+    size_t k = 0;
+    for (const option_entry &o : option_table) {
+        letters[k++] = o.letter;
+        if (o.argument)
+            letters[k++] = ':';
+    }
     unsigned extensions = 0;
     int opt;
     while ((opt = getopt(argc, argv, letters)) != -1)
@@ -88,9 +104,20 @@ int meterd_main(int argc, char **argv)
     if (debug.load(std::memory_order_relaxed))
         fprintf(stderr, "meterd enters debugging mode...\n");
 
+    if (tls_file) {
+        // Before any thread: a bad file is the whole answer.
+        char error[TLS_CONFIG_ERROR];
+        if (radius_transport_tls(tls_file, error, sizeof error) != 0) {
+            fprintf(stderr, "%s\n", error);
+            return 1;
+        }
+        // One connection carries every request to its server: an answer
+        // can tell its request by Identifier alone only if none repeats.
+        extensions |= EXT_UNIQUE_IDS;
+    }
     policy_choose(extensions);
 
-    if (radius_init(policy->unique_ids) == -1) {
+    if (radius_transport->init(policy->unique_ids) == -1) {
         fprintf(stderr, "meter-daemon init failed!(radius socket init fail)\n");
         fprintf(stderr, "Meter-Daemon is finished\n");
         return -1;

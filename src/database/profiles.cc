@@ -9,6 +9,7 @@
 #include "frame/console.h"
 #include "frame/memory.h"
 #include "frame/meterd.h"
+#include "radius/transport.h"
 
 namespace {
 
@@ -29,7 +30,9 @@ int fill_server(radius_server **server, const char *hostname, int port, const ch
     }
     copy_field((*server)->hostname, sizeof (*server)->hostname, hostname, 64);
     (*server)->acct_port = port;
-    copy_field((*server)->secret, sizeof (*server)->secret, secret, 65);
+    // Over TLS every server shares the transport's secret, whatever the
+    // profile says.
+    copy_field((*server)->secret, sizeof (*server)->secret, radius_transport_secret ? radius_transport_secret : secret, 65);
     return 0;
 }
 
@@ -139,7 +142,9 @@ void replace_on_primaries(const char *ac_ip, const char *value, bool secret)
         radius_server *server = radius->primary_server;
         if (!server || strncmp(server->hostname, ac_ip, sizeof server->hostname) != 0)
             continue;
-        if (secret) {
+        if (secret && radius_transport_secret) {
+            TRACE("Keep interface %s's TLS secret.\n", radius->interface);
+        } else if (secret) {
             TRACE("Replace interface %s's radius secret key.\n", radius->interface);
             copy_field(server->secret, sizeof server->secret, value, 64);
         } else {

@@ -90,6 +90,12 @@ void identifier_rest(const struct user_accounting_info *self)
     rest_until[self->source][self->request->id] = mtr_time() + REST_SECONDS;
 }
 
+void identifier_hold(int source, uint8_t id)
+{
+    if (source >= 0 && source < RADIUS_SOURCES)
+        rest_until[source][id] = mtr_time() + REST_SECONDS;
+}
+
 time_t identifier_next_wake(void)
 {
     time_t now = mtr_time(), first = 0;

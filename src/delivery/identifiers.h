@@ -26,6 +26,10 @@ int identifier_take(unsigned char *source);
 // the Identifier rests for two time-outs before it is taken again.
 void identifier_rest(const struct user_accounting_info *self);
 
+// A packet that no request holds (a connection's watchdog) took Identifier
+// id of socket source: it rests as a request's would, for two time-outs.
+void identifier_hold(int source, uint8_t id);
+
 // The second at which the first resting Identifier wakes, or 0.
 time_t identifier_next_wake(void);
 

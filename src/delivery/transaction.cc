@@ -19,6 +19,7 @@
 #include "radius/compose.h"
 #include "radius/radius_msg.h"
 #include "radius/radius_send_recieve.h"
+#include "radius/transport.h"
 
 struct list_head id_wait_header = LIST_HEAD_INIT(id_wait_header);
 
@@ -255,7 +256,7 @@ void each_waiting(void (*each)(const struct user_accounting_info *self))
 
 const struct radius_client_ops owner = {find_request,     answered,         session_address,
                                         session_counters, identifier_take, each_waiting,
-                                        probe_answer};
+                                        probe_answer,     identifier_hold};
 
 // A request that falls due on the fail queue goes again, as it is; one on
 // an interim queue is the session's next Interim-Update, whose event is the
@@ -355,6 +356,7 @@ void fail_handler(struct accounting_node *node)
     struct user_accounting_info *self = node->self;
     struct accounting_radius *radius = self->acct_radius;
     client_stats_timeout(self);
+    radius_transport->timeout(self);
 
     // A request that probes a dead server has one transmission; unanswered,
     // it goes on with a whole budget where the profile can take it.

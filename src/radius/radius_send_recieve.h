@@ -40,6 +40,10 @@ struct radius_client_ops {
     // 1 if it was the answer to a probe of a dead server, which the owner
     // then handles and counts, else 0. response is the receive buffer.
     int (*probe_answer)(AUTH_HDR *response, const struct radius_datagram *d);
+    // A packet of the transport's own (a connection's watchdog) took
+    // Identifier id of socket source: no request may take it while its
+    // answer may still come.
+    void (*hold_identifier)(int source, uint8_t id);
 };
 // Registered once, before any request is sent or any answer read.
 void radius_client_register(const struct radius_client_ops *ops);

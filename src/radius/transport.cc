@@ -1,6 +1,8 @@
 // The daemon's one UDP socket: every request to every server leaves through
 // it and every response comes in on it. With unique Identifiers more
 // sockets may follow, each a source port with 256 Identifiers of its own.
+// This is the UDP transport; the requests leave through the transport in
+// use, which is this one unless meterd -T chose TLS.
 #include "radius/radius_send_recieve.h"
 
 #include <arpa/inet.h>
@@ -19,6 +21,7 @@
 #include "frame/console.h"
 #include "radius/client_stats.h"
 #include "radius/compose.h"
+#include "radius/transport.h"
 
 int sockfd = -1;
 int radius_source_limit = RADIUS_SOURCES;
@@ -84,9 +87,35 @@ int source_fd(int source)
     return source > 0 && source < RADIUS_SOURCES ? source_fds[source].load() : sockfd;
 }
 
+ssize_t udp_send(radius_server *, int source, const void *packet, size_t len, const struct sockaddr_in *to)
+{
+    return radius_sendto(source_fd(source), packet, len, to);
+}
+
+// Datagrams need no connection: nothing to close at a time-out, nothing to report.
+void udp_timeout(const struct user_accounting_info *) {}
+void udp_report(char *, size_t, size_t *) {}
+
+const struct radius_transport udp = {radius_init, udp_send, do_response_receive, udp_timeout, udp_report};
+
 }  // namespace
 
 radius_sendto_fn radius_sendto = system_sendto;
+const struct radius_transport *radius_transport = &udp;
+const char *radius_transport_secret = nullptr;
+
+void *radius_transport_thread(void *arg)
+{
+    return radius_transport->receive(arg);
+}
+
+#ifndef METERD_TLS
+int radius_transport_tls(const char *, char *error, size_t error_size)
+{
+    snprintf(error, error_size, "meterd: -T: this meterd is built without RADIUS over TLS");
+    return -1;
+}
+#endif
 
 int radius_init(bool several_sources)
 {
@@ -164,7 +193,7 @@ int send_accounting(struct accounting_node *node, int status)
     ssize_t sent = -1;
     errno = EDESTADDRREQ;
     if (to.sin_addr.s_addr != htonl(INADDR_ANY))
-        sent = radius_sendto(source_fd(self->source), request, length, &to);
+        sent = radius_transport->send(server, self->source, request, length, &to);
     if (sent < 0) {
         int err = errno;
         // Nowhere reached: its time-out is no server's.
@@ -183,7 +212,7 @@ int radius_send_packet(radius_server *server, int source, const AUTH_HDR *packet
     address_of(server, &to);
     if (to.sin_addr.s_addr == htonl(INADDR_ANY))
         return -1;
-    return radius_sendto(source_fd(source), packet, ntohs(packet->length), &to) < 0 ? -1 : 0;
+    return radius_transport->send(server, source, packet, ntohs(packet->length), &to) < 0 ? -1 : 0;
 }
 
 int radius_recv(AUTH_HDR *response, struct radius_datagram *d)

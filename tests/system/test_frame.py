@@ -43,6 +43,15 @@ class Frame(harness.SystemTest):
                 self.assertNotIn('debugging', daemon.stderr())
             daemon.stop()
 
+    def test_tls_file_refused_before_anything(self):
+        # Without TLS in the build -T says so; with it, a file that is not there says that. Either
+        # way one line, exit 1, and no daemon.
+        result = subprocess.run([os.path.join(harness.BUILD_DIR, 'meterd'), '-T', '/tmp/none.conf'],
+                                capture_output=True, text=True, timeout=10)
+        self.assertEqual((result.returncode, result.stdout, result.stderr.count('\n')), (1, '', 1))
+        self.assertRegex(result.stderr, r'^meterd: .*(without RADIUS over TLS|/tmp/none\.conf)')
+        self.assertFalse(os.path.exists(harness.PID_FILE))
+
     def test_control_channel(self):
         peer = self.start(harness.Peer(SECRET))
         daemon = self.start(Meterd(['-d', '-d']))
