@@ -272,8 +272,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     baseline();
     if (keep)
         locked([] {
+            // A request whose budget began after the server's last answer.
+            struct user_accounting_info unlucky;
+            memset(&unlucky, 0, sizeof unlucky);
+            unlucky.budget_since = mtr_time() + 1;
             servers_dead(list_entry(total_radius_server_header.next, accounting_radius, total_radius_server)
-                             ->primary_server);
+                             ->primary_server,
+                         &unlucky);
             servers_probe(now + PROBE_FIRST);
         });
 
