@@ -33,12 +33,12 @@ class Lookups(harness.SystemTest):
     def device(self, script):
         # ovat as this shell script (None: the sim's own again), for the daemon's next look-ups.
         if os.path.ismount(OVAT):
-            harness._sh('umount', OVAT)
+            harness._sh('umount', '-l', OVAT)
         if script:
             pathlib.Path('/tmp/ovat').write_text('#!/bin/sh\n' + script + '\n')
             os.chmod('/tmp/ovat', 0o755)
             harness._sh('mount', '--bind', '/tmp/ovat', OVAT)
-            self.addCleanup(lambda: os.path.ismount(OVAT) and harness._sh('umount', OVAT))
+            self.addCleanup(lambda: os.path.ismount(OVAT) and harness._sh('umount', '-l', OVAT))
 
     def login(self, n, ip, interim=INTERIM):
         # Every session with the same interval: the interim queue is one, in order of insertion.
