@@ -1,6 +1,8 @@
 // The opt-in extensions and the delivery policy of -k, each beside the
 // design's behaviour it replaces.
 
+#include "database/accounting_db_api.h"
+#include "delivery/lookups.h"
 #include "delivery/servers.h"
 #include "events/profile_events.h"
 #include "events/session_stop.h"
@@ -269,3 +271,50 @@ TEST_F(Extensions, NothingIsGivenUpAndTheBacklogGoesOutPaced)
 }
 
 }  // namespace
+
+// meterd -l: a worker's three steps taken by hand, with a Stop, a profile's
+// removal or a newer look-up of the session between the take and the finish.
+// What the worker holds is then never followed (ASan would see a freed node
+// touched): it ends as a look-up for a session gone, and only the look-up of
+// the node as it still is sends, with the address and counters it found.
+TEST_F(Extensions, ALookUpFindsItsSessionAgainOrLetsItBe)
+{
+    dev.write("stations", "aa:bb:cc:dd:ee:0f 192.0.2.7 500 600\n");
+    for (std::string between : {"nothing", "stop", "removal", "again"}) {
+        two_servers(EXT_LOOKUPS);
+        struct accounting_node *n = session();
+        transaction_begin(n, ACCOUNTING_START);
+        answer_last_request("k");
+        run(60);  // due: it waits for its look-up, nothing goes
+        ASSERT_EQ(testenv::sent.size(), 1u);
+        lookups_counts before, after;
+        lookups_counts_of(&before);
+        lookup_job job, second;
+        ASSERT_TRUE(lookup_take(&job, 0));
+        EXPECT_FALSE(lookup_take(&second, 1));  // never two look-ups of one session
+        conn_t counters = {1, 1};
+        if (between == "stop")
+            accounting_stop_by_mac(n, PROFILE_TYPE_NORMAL, &counters);
+        if (between == "removal")
+            profile_take_down(r);
+        if (between == "again") {  // out and back: a newer look-up
+            queue_remove(n);
+            lookups_begin(n);
+        }
+        const size_t sent = testenv::sent.size();
+        for (bool first = true; first || lookup_take(&job, 1); first = false) {
+            lookup_run(&job);
+            lookup_finish(&job);
+        }
+        lookups_counts_of(&after);
+        EXPECT_EQ(after.gone - before.gone, between == "nothing" ? 0u : 1u) << between;
+        EXPECT_EQ(route_of(sent), between == "nothing" || between == "again" ? "p" : "") << between;
+        if (testenv::sent.size() > sent) {
+            AUTH_HDR *h = reinterpret_cast<AUTH_HDR *>(testenv::sent.back().bytes.data());
+            uint32_t ip = 0, rx = 0;
+            radius_msg_get_attr_int32(h, RADIUS_ATTR_FRAMED_IP_ADDRESS, &ip);
+            radius_msg_get_attr_int32(h, RADIUS_ATTR_ACCT_INPUT_OCTETS, &rx);
+            EXPECT_EQ(std::make_pair(ip, rx), std::make_pair(ntohl(inet_addr("192.0.2.7")), 500u));
+        }
+    }
+}
