@@ -138,6 +138,24 @@ void *worker_run(void *arg)
     return nullptr;
 }
 
+// Sixteen threads that each hold a few kilobytes of buffers: glibc's default
+// of 8 MiB of address space apiece is more than a small device may commit.
+// musl's default is this size too.
+constexpr size_t LOOKUP_STACK = 128 * 1024;
+
+int start_detached(void *(*run)(void *), void *arg)
+{
+    pthread_attr_t attr;
+    if (pthread_attr_init(&attr) != 0)
+        return -1;
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_attr_setstacksize(&attr, LOOKUP_STACK);
+    pthread_t t;
+    int err = pthread_create(&t, &attr, run, arg);
+    pthread_attr_destroy(&attr);
+    return err == 0 ? 0 : -1;
+}
+
 }  // namespace
 
 int lookups_start_helpers(void)
@@ -152,10 +170,8 @@ int lookups_start_helpers(void)
         pthread_mutex_init(&h->lock, nullptr);
         pthread_cond_init(&h->cond, &attr);
         pthread_condattr_destroy(&attr);
-        pthread_t t;
-        if (pthread_create(&t, nullptr, counters_helper_run, h) != 0)
+        if (start_detached(counters_helper_run, h) != 0)
             return -1;
-        pthread_detach(t);
         h->started = true;
     }
     return 0;
@@ -165,12 +181,9 @@ int lookups_start(void)
 {
     if (lookups_start_helpers() != 0)
         return -1;
-    for (int i = 0; i < LOOKUP_WORKERS; i++) {
-        pthread_t t;
-        if (pthread_create(&t, nullptr, worker_run, reinterpret_cast<void *>(static_cast<intptr_t>(i))) != 0)
+    for (int i = 0; i < LOOKUP_WORKERS; i++)
+        if (start_detached(worker_run, reinterpret_cast<void *>(static_cast<intptr_t>(i))) != 0)
             return -1;
-        pthread_detach(t);
-    }
     return 0;
 }
 
