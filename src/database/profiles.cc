@@ -9,7 +9,8 @@
 #include "frame/console.h"
 #include "frame/memory.h"
 #include "frame/meterd.h"
-#include "radius/transport.h"
+
+const char *shared_server_secret = nullptr;
 
 namespace {
 
@@ -32,7 +33,7 @@ int fill_server(radius_server **server, const char *hostname, int port, const ch
     (*server)->acct_port = port;
     // Over TLS every server shares the transport's secret, whatever the
     // profile says.
-    copy_field((*server)->secret, sizeof (*server)->secret, radius_transport_secret ? radius_transport_secret : secret, 65);
+    copy_field((*server)->secret, sizeof (*server)->secret, shared_server_secret ? shared_server_secret : secret, 65);
     return 0;
 }
 
@@ -142,7 +143,7 @@ void replace_on_primaries(const char *ac_ip, const char *value, bool secret)
         radius_server *server = radius->primary_server;
         if (!server || strncmp(server->hostname, ac_ip, sizeof server->hostname) != 0)
             continue;
-        if (secret && radius_transport_secret) {
+        if (secret && shared_server_secret) {
             TRACE("Keep interface %s's TLS secret.\n", radius->interface);
         } else if (secret) {
             TRACE("Replace interface %s's radius secret key.\n", radius->interface);

@@ -6,6 +6,10 @@
 #include "database/accounting.h"
 #include "frame/ovat_event.h"
 
+// The secret that every server takes whatever its profile says (RADIUS over
+// TLS has one for all), or NULL for the profiles' own. Set before any thread.
+extern const char *shared_server_secret;
+
 // A new profile of that family on its family list (the portal list only in
 // cloud mode), with no server yet. NULL on no memory.
 struct accounting_radius *add_radius(const char *interface, int type);

@@ -12,7 +12,6 @@
 
 #include "frame/console.h"
 #include "platform/platform.h"
-#include "platform/station_probe.h"
 
 int whal_getip(const char *stamac, struct in_addr *ip)
 {
@@ -53,6 +52,18 @@ int whal_getip(const char *stamac, struct in_addr *ip)
     }
     pclose(pipe);
     return ok;
+}
+
+bool shell_safe_mac(const char *mac)
+{
+    for (const char *p = mac; *p; p++) {
+        char c = *p;
+        bool ok = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+                  c == '-' || c == ':';
+        if (!ok)
+            return false;
+    }
+    return true;
 }
 
 uint64_t counter_from_text(const char *text)

@@ -20,5 +20,8 @@ int station_counters(const char *user_mac, conn_t *status, uint64_t (*read)(cons
 // The design's reading of a counter's text: an int as atoi reads it, 0 when
 // it is none, beyond int, or below 1 ("N/A" among them).
 uint64_t counter_from_text(const char *text);
+// The characters of a MAC text only: the MAC goes into a command line (a
+// shell's, or ovat's own), where anything else would be interpreted.
+bool shell_safe_mac(const char *mac);
 
 #endif

@@ -248,18 +248,6 @@ int start_ovat(const char *mac, pid_t *pid)
 
 }  // namespace
 
-bool shell_safe_mac(const char *mac)
-{
-    for (const char *p = mac; *p; p++) {
-        char c = *p;
-        bool ok = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-                  c == '-' || c == ':';
-        if (!ok)
-            return false;
-    }
-    return true;
-}
-
 uint64_t read_counter64(const char *text)
 {
     const char *p = text;

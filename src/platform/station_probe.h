@@ -57,9 +57,6 @@ int station_address_lookup(const char *mac, struct in_addr *ip, int timeout_ms,
 // library call cannot be interrupted). Non-zero when both were read.
 int station_counters_lookup(const char *user_mac, conn_t *status);
 
-// The characters of a MAC text only: the MAC goes into a command line (a
-// shell's, or ovat's own), where anything else would be interpreted.
-bool shell_safe_mac(const char *mac);
 // The whole text is one unsigned 64-bit number (blanks around it allowed),
 // or the counter is unknown (0), so that a counter past 2 GiB is read as it is.
 uint64_t read_counter64(const char *text);

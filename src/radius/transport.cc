@@ -102,7 +102,6 @@ const struct radius_transport udp = {radius_init, udp_send, do_response_receive,
 
 radius_sendto_fn radius_sendto = system_sendto;
 const struct radius_transport *radius_transport = &udp;
-const char *radius_transport_secret = nullptr;
 
 void *radius_transport_thread(void *arg)
 {

@@ -37,10 +37,6 @@ extern const struct radius_transport *radius_transport;
 // stderr in error (also in a build without TLS). Before any thread.
 int radius_transport_tls(const char *file, char *error, size_t error_size);
 
-// The shared secret that the transport imposes on every server, or NULL for
-// the profiles' own (UDP).
-extern const char *radius_transport_secret;
-
 // The receive thread of the transport in use.
 void *radius_transport_thread(void *arg);
 

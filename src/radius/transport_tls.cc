@@ -552,6 +552,6 @@ int radius_transport_tls(const char *file, char *error, size_t error_size)
     if (!context)
         return -1;
     radius_transport = &tls_transport;
-    radius_transport_secret = config.secret;
+    shared_server_secret = config.secret;
     return 0;
 }
