@@ -337,6 +337,9 @@ bool queue_head(const char *line, char *addr, char *name, size_t name_size, cons
     } else if (sscanf(line, "fail queue: %31s", addr) == 1) {
         snprintf(name, name_size, "fail queue");
         *due = "failed; sent again at the next pass";
+    } else if (sscanf(line, "look-up queue: %31s", addr) == 1) {
+        snprintf(name, name_size, "look-up queue");
+        *due = "Interim-Update due, the station being looked up";
     } else if (sscanf(line, "interim queue: %31[^(](interval: %d)", addr, &interval) == 2) {
         // Key 0 holds the sessions whose interval came with their login.
         if (interval == 0)
@@ -459,6 +462,8 @@ struct stats_report {
     stats_line state[MAX_STATES];
     int states;
     stats_line backlog;
+    // meterd -l: "lookups" with pairs.
+    stats_line lookups;
     // meterd -T: "transport ADDRESS PORT KIND" with pairs, some of text (version, cipher).
     stats_line transport[MAX_SERVERS];
     int transports;
@@ -481,6 +486,7 @@ bool parse_stats(char *text, stats_report *r)
     r->servers = 0;
     r->states = 0;
     r->backlog.count = 0;
+    r->lookups.count = 0;
     r->transports = 0;
     for (char *save = nullptr, *line = strtok_r(text, "\n", &save); line; line = strtok_r(nullptr, "\n", &save)) {
         stats_line l;
@@ -497,7 +503,7 @@ bool parse_stats(char *text, stats_report *r)
         int first = server ? 3 : state ? 5 : transport ? 4 : 1;
         int port = transport ? 2 : first - 1;
         if ((!server && !state && !transport && strcmp(l.word[0], "extensions") != 0 &&
-             strcmp(l.word[0], "backlog") != 0) ||
+             strcmp(l.word[0], "backlog") != 0 && strcmp(l.word[0], "lookups") != 0) ||
             l.count < first || (l.count - first) % 2 || (first > 1 && !all_of(l.word[port], "0123456789")))
             return false;
         // A transport's values may be names: its protocol version and cipher.
@@ -517,6 +523,8 @@ bool parse_stats(char *text, stats_report *r)
                 r->state[r->states++] = l;
         } else if (strcmp(l.word[0], "backlog") == 0) {
             r->backlog = l;
+        } else if (strcmp(l.word[0], "lookups") == 0) {
+            r->lookups = l;
         } else {
             r->extensions = l;
         }
@@ -552,6 +560,12 @@ void print_stats_json(const stats_report *r)
         printf("], \"backlog\": {");
         for (int i = 1; i < r->backlog.count; i += 2)
             printf("%s\"%s\": %s", i > 1 ? ", " : "", r->backlog.word[i], r->backlog.word[i + 1]);
+        printf("}");
+    }
+    if (r->lookups.count) {
+        printf(", \"lookups\": {");
+        for (int i = 1; i < r->lookups.count; i += 2)
+            printf("%s\"%s\": %s", i > 1 ? ", " : "", r->lookups.word[i], r->lookups.word[i + 1]);
         printf("}");
     }
     if (r->transports) {
@@ -601,6 +615,16 @@ void print_states(const stats_report *r)
            pair_value(r->backlog, "oldest_age"));
 }
 
+// meterd -l: the look-ups of Interim-Updates.
+void print_lookups(const stats_report *r)
+{
+    if (!r->lookups.count)
+        return;
+    printf("\nlook-ups: %s started, %s timed out, %s ovat killed, %s for sessions gone, %s pending\n",
+           pair_value(r->lookups, "started"), pair_value(r->lookups, "timed_out"), pair_value(r->lookups, "killed"),
+           pair_value(r->lookups, "gone"), pair_value(r->lookups, "pending"));
+}
+
 // meterd -T: each server's connection.
 void print_transports(const stats_report *r)
 {
@@ -628,6 +652,7 @@ void print_stats_table(const stats_report *r)
     if (r->servers == 0) {
         printf("no request sent yet\n");
         print_states(r);
+        print_lookups(r);
         print_transports(r);
         return;
     }
@@ -663,6 +688,7 @@ void print_stats_table(const stats_report *r)
         printf("\n");
     }
     print_states(r);
+    print_lookups(r);
     print_transports(r);
 }
 

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "daemon/db_dump.h"
+#include "delivery/lookups.h"
 #include "delivery/policy.h"
 #include "delivery/servers.h"
 #include "events/profile_events.h"
@@ -26,6 +27,8 @@ void delivery_stats(const struct domain_socket_peer *to)
     n += client_stats_report(text + n, sizeof text - n);
     if (policy->keep_records)
         n += servers_report(text + n, sizeof text - n);
+    if (policy->lookups)
+        n += lookups_report(text + n, sizeof text - n);
     radius_transport->report(text, sizeof text, &n);
     if (to)
         domain_socket_reply(to, text, n);

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "database/accounting.h"
+#include "delivery/lookups.h"
 #include "frame/console.h"
 #include "frame/meterd.h"
 
@@ -104,6 +105,11 @@ int debug_print_db_info(void)
         dump_line(fp, true, "\ninterim queue: %p(interval: %d)\n",
                   static_cast<void *>(&q->interim_queue_header), q->interim);
         dump_nodes(fp, &q->interim_queue_header);
+    }
+    // meterd -l: only while some wait, so that a dump without them reads as always.
+    if (!list_empty(&lookup_header)) {
+        dump_line(fp, true, "\nlook-up queue: %p\n", static_cast<void *>(&lookup_header));
+        dump_nodes(fp, &lookup_header);
     }
     if (is_cloud) {
         dump_line(fp, false, "\nradius: \n");

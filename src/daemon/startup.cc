@@ -7,6 +7,7 @@
 #include "daemon/control.h"
 #include "daemon/startup.h"
 #include "database/portal_users.h"
+#include "delivery/lookups.h"
 #include "delivery/policy.h"
 #include "delivery/scheduler.h"
 #include "delivery/transaction.h"
@@ -69,6 +70,7 @@ const option_entry option_table[] = {
     {'r', nullptr, EXT_RETRY_PER_REQUEST, false},
     {'c', nullptr, EXT_STEADY_COUNTERS, false},
     {'k', nullptr, EXT_KEEP_RECORDS, false},
+    {'l', nullptr, EXT_LOOKUPS, false},
     {'T', option_tls, 0, true},  // RADIUS over TLS, set up by the file named
 };
 
@@ -131,6 +133,10 @@ int meterd_main(int argc, char **argv)
     notify_flush_all();
     mtrd_write_pid(METERD_PID_FILE);
     pthread_mutex_init(&mutex, nullptr);
+    if (policy->lookups && lookups_start() != 0) {
+        fprintf(stderr, "pthread_create fail\n");
+        abort();
+    }
 
     pthread_t threads[sizeof thread_table / sizeof thread_table[0]];
     size_t started = 0;

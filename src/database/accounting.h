@@ -23,6 +23,7 @@ enum {
     QUEUE_TYPE_REQUEST = 2,
     QUEUE_TYPE_FAIL = 3,
     QUEUE_TYPE_BACKLOG = 4,  // meterd -k: waiting for a server of its profile to answer
+    QUEUE_TYPE_LOOKUP = 5,   // meterd -l: an Interim-Update waiting for its look-ups (delivery/lookups.h)
 };
 
 // Accounting status: the RFC 2866 Acct-Status-Type value.
@@ -144,6 +145,11 @@ struct user_accounting_info {
     time_t event_time;
     unsigned char status;
     unsigned char probing;  // the request is a probe of a dead server: one transmission
+    // meterd -l only: whether the last look-up found the station's address
+    // (then in user_ip), and which look-up of the daemon the node waits for
+    // on lookup_header. Where padding was, on 64-bit targets.
+    unsigned char address_found;
+    uint32_t lookup_gen;
     time_t budget_since;    // when the request's budget with its server began
 };
 

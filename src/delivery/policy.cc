@@ -43,18 +43,22 @@ bool steady_counters(struct user_accounting_info *self, const conn_t *seen, bool
     return true;
 }
 
-struct delivery_policy chosen = {0, counter_from_text, design_counters, false, false, false, false};
+struct delivery_policy chosen = {0, counter_from_text, design_counters, false, false, false, false, false};
 
+// An option added after the report's first readers is named only when on,
+// so that the report of a daemon without it reads as it always has.
 struct option_name {
     unsigned bit;
     const char *name;
+    bool named_when_off;
 };
 constexpr option_name option_names[] = {
-    {EXT_GIGAWORDS, "gigawords"},
-    {EXT_UNIQUE_IDS, "unique_ids"},
-    {EXT_RETRY_PER_REQUEST, "retry_per_request"},
-    {EXT_STEADY_COUNTERS, "steady_counters"},
-    {EXT_KEEP_RECORDS, "keep_records"},
+    {EXT_GIGAWORDS, "gigawords", true},
+    {EXT_UNIQUE_IDS, "unique_ids", true},
+    {EXT_RETRY_PER_REQUEST, "retry_per_request", true},
+    {EXT_STEADY_COUNTERS, "steady_counters", true},
+    {EXT_KEEP_RECORDS, "keep_records", true},
+    {EXT_LOOKUPS, "lookups", false},
 };
 constexpr unsigned named_options()
 {
@@ -75,7 +79,10 @@ void policy_choose(unsigned options)
     chosen.options = options;
     chosen.read_counter = options & (EXT_GIGAWORDS | EXT_STEADY_COUNTERS) ? read_counter64 : counter_from_text;
     chosen.take_counters = options & EXT_STEADY_COUNTERS ? steady_counters : design_counters;
-    chosen.keep_address = options & EXT_STEADY_COUNTERS;
+    // A look-up that timed out is no news of the station: what the session
+    // knew stands.
+    chosen.keep_address = options & (EXT_STEADY_COUNTERS | EXT_LOOKUPS);
+    chosen.lookups = options & EXT_LOOKUPS;
     // Keeping records needs both: a dead server is told by a request's
     // whole budget, and a probe's Identifier must meet no request's.
     chosen.budget_per_request = keep || (options & EXT_RETRY_PER_REQUEST);
@@ -92,6 +99,7 @@ size_t policy_report(char *out, size_t size)
     size_t n = 0;
     report_put(out, size, &n, "extensions");
     for (const option_name &o : option_names)
-        report_put(out, size, &n, " %s %d", o.name, (chosen.options & o.bit) ? 1 : 0);
+        if (o.named_when_off || (chosen.options & o.bit))
+            report_put(out, size, &n, " %s %d", o.name, (chosen.options & o.bit) ? 1 : 0);
     return n;
 }

@@ -19,7 +19,8 @@ enum {
     EXT_RETRY_PER_REQUEST = 1 << 2,  // -r: an answer renews the retry budget
     EXT_STEADY_COUNTERS = 1 << 3,    // -c: counters that survive failed look-ups and resets
     EXT_KEEP_RECORDS = 1 << 4,       // -k: dead servers probed, failback, nothing given up, event times
-    EXT_ALL = (1 << 5) - 1,          // -x
+    EXT_LOOKUPS = 1 << 5,            // -l: an Interim-Update's look-ups by workers, outside the lock, bounded
+    EXT_ALL = (1 << 6) - 1,          // -x
 };
 
 struct delivery_policy {
@@ -34,6 +35,10 @@ struct delivery_policy {
     // A failed address look-up leaves 0.0.0.0 (the design), or keeps what
     // the session knew.
     bool keep_address;
+    // An Interim-Update's look-ups run in workers without `mutex`, without
+    // a shell and within a time-out (lookups.h); what they find is the
+    // session's until the next.
+    bool lookups;
     // An answer gives the session's next request a whole budget again,
     // starting at the first server the profile can use.
     bool budget_per_request;

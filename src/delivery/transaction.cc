@@ -8,6 +8,7 @@
 #include "database/nodes.h"
 #include "database/profiles.h"
 #include "delivery/identifiers.h"
+#include "delivery/lookups.h"
 #include "delivery/policy.h"
 #include "delivery/queues.h"
 #include "delivery/scheduler.h"
@@ -227,8 +228,15 @@ int probe_answer(AUTH_HDR *response, const struct radius_datagram *d)
 int session_address(struct accounting_node *node, struct in_addr *ip)
 {
     struct user_node_info *user = node->self->user;
+    // meterd -l: an Interim-Update carries what its look-up found (lookups.h);
+    // a Start on a login asks ovat itself, without a shell and bounded.
+    if (policy->lookups && node->self->status == ACCOUNTING_INTERIM) {
+        *ip = user->user_ip;
+        return node->self->address_found;
+    }
     struct in_addr known = user->user_ip;
-    int found = whal_getip(user->user_mac, &user->user_ip);
+    int found = policy->lookups ? lookups_address_now(user->user_mac, &user->user_ip)
+                                : whal_getip(user->user_mac, &user->user_ip);
     if (!found && policy->keep_address)
         user->user_ip = known;
     *ip = user->user_ip;
@@ -238,6 +246,11 @@ int session_address(struct accounting_node *node, struct in_addr *ip)
 void session_counters(struct accounting_node *node, conn_t *counters)
 {
     struct user_accounting_info *self = node->self;
+    // meterd -l: stored by the Interim-Update's look-up (lookups.h).
+    if (policy->lookups) {
+        *counters = self->conn_tx_rx_status;
+        return;
+    }
     char rrm_mac[MAC_TEXT_SIZE];
     memset(rrm_mac, 0, sizeof rrm_mac);
     change_mac_to_rrm_format(rrm_mac, self->user->user_mac);
@@ -267,7 +280,10 @@ void resend(struct accounting_node *node)
     if (self->queue_type == QUEUE_TYPE_INTERIM) {
         self->status = ACCOUNTING_INTERIM;
         self->event_time = self->report_time;
-        send_request(node);
+        if (policy->lookups)
+            lookups_begin(node);
+        else
+            send_request(node);
         return;
     }
     // The status counts only when a new packet must be composed: the design
@@ -290,6 +306,11 @@ void transaction_begin(struct accounting_node *node, int status)
     struct user_accounting_info *self = node->self;
     self->status = static_cast<unsigned char>(status);
     self->event_time = mtr_time();
+    send_request(node);
+}
+
+void transaction_resume(struct accounting_node *node)
+{
     send_request(node);
 }
 
@@ -444,6 +465,7 @@ void remove_radius_queue(struct accounting_node *node)
     free_nodes_of(&request_queue_header, radius, node);
     free_nodes_of(&id_wait_header, radius, node);
     free_nodes_of(&backlog_header, radius, node);
+    free_nodes_of(&lookup_header, radius, node);
 }
 
 void release_radius_profile(struct accounting_node *node)

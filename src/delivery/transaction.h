@@ -25,6 +25,10 @@ void transaction_init(void);
 // not leave waits for its time-out like one that got no answer.
 void transaction_begin(struct accounting_node *node, int status);
 
+// meterd -l: node's Interim-Update, its look-ups done, goes on as it would
+// have gone without them.
+void transaction_resume(struct accounting_node *node);
+
 // A Stop that replaces whatever request of the session was in flight.
 void transaction_replace(struct accounting_node *node, int status);
 

@@ -81,8 +81,9 @@ class Cloud(harness.SystemTest):
         harness.hybrid_mode('1\n')
         pid = self.start(Meterd(['-d'])).proc.pid
         time.sleep(0.5)
-        threads = len(os.listdir('/proc/%d/task' % pid))  # main and the four of every mode
-        self.assertEqual((threads, os.path.exists(PORTAL_SOCK), os.path.exists(UAM_SOCK)), (5, False, False))
+        threads = len(os.listdir('/proc/%d/task' % pid))  # main and the four of every mode (-l: 8 workers, 8 helpers)
+        self.assertEqual((threads, os.path.exists(PORTAL_SOCK), os.path.exists(UAM_SOCK)),
+                         (5 + 16 * harness.EXTENDED, False, False))
 
 
 if __name__ == '__main__':

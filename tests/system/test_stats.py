@@ -136,10 +136,14 @@ class Stats(harness.SystemTest):
         on = dict.fromkeys(('gigawords', 'unique_ids', 'retry_per_request', 'steady_counters', 'keep_records'),
                            harness.EXTENDED)
         on.update(gigawords=True, steady_counters=True)
-        extended = dict(states=[], backlog={'length': 0, 'oldest_age': 0}) if harness.EXTENDED else {}
+        lookups = dict(started=0, timed_out=0, killed=0, gone=0, pending=0)
+        extended = dict(states=[], backlog={'length': 0, 'oldest_age': 0}, lookups=lookups) if harness.EXTENDED else {}
+        if harness.EXTENDED:  # named only when on
+            on['lookups'] = True
         self.assertEqual(self.stats(), dict(extensions=on, servers=[], **extended))
         names = ', '.join(name for name, value in on.items() if value)
-        backlog = '\nbacklog: 0 requests, the oldest 0 s old\n' if harness.EXTENDED else ''
+        backlog = '\nbacklog: 0 requests, the oldest 0 s old\n\nlook-ups: 0 started, 0 timed out, 0 ovat killed, ' \
+            '0 for sessions gone, 0 pending\n' if harness.EXTENDED else ''
         self.assertEqual(meterctl('stats').stdout, 'extensions: %s\n\nno request sent yet\n%s' % (names, backlog))
         # Its socket left without a reader, then a reader that never answers: one line each, status 1.
         daemon.stop()

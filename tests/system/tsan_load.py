@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 """Every thread of the daemon busy at once, in cloud mode and under ThreadSanitizer: sessions
-start, send Interim-Updates and stop while profiles come and go on both channels, dumps and
+start, send Interim-Updates (their look-ups by the workers of -l) and stop while profiles come and go on both channels, dumps and
 debug switches interleave, portal users log in and out, and the primary of one profile drops
 everything, so that retries and failover run too. TSan must report nothing (Meterd.stop checks).
 
@@ -35,7 +35,7 @@ class TsanLoad(harness.SystemTest):
             devsim('station', 'add', '--mac', mac(i), '--ip', '10.0.1.%d' % (i + 1), '--rx', 1000 + i, '--tx', 2000)
         server = self.start(FreeRadius(SECRET))
         silent = self.start(harness.Peer(SECRET, default='drop'))
-        daemon = self.start(Meterd(['-d']))
+        daemon = self.start(Meterd(['-d', '-l']))  # -l: the look-up workers too
         daemon.send(ev_init('wlan-1-1', '127.0.0.1', 1813, SECRET))
         daemon.send(ev_init('wlan-1-2', '127.0.0.1', silent.port, SECRET, '127.0.0.1', 1813, SECRET))
         stop_at = time.monotonic() + SECONDS
