@@ -25,7 +25,7 @@ sys.path.insert(0, os.path.join(ROOT, 'tests', 'system'))
 import harness  # noqa: E402
 import records  # noqa: E402
 import report  # noqa: E402
-from bench import IFACE, SECRET, Device, cpu, mac_text  # noqa: E402
+from bench import IFACE, SECRET, Device, cpu, ip_text, mac_bytes, mac_text, write_stations  # noqa: E402
 from freeradius import FreeRadius  # noqa: E402
 
 DAEMON_CORE, PEER_CORE = 0, 1
@@ -43,9 +43,9 @@ STATUS_TYPE, USER_NAME = 40, 1
 # lines on average, milliseconds that a device's own tables do not cost. In a lean mode it knows
 # only the stations of the Starts during the pass: each look-up of the N is a quick miss, after
 # which the Interim-Update goes out all the same (with the address and counters it had: meterd -x).
-MODES = {'default': ([], 100, 25, 800, 5, True), 'x': (['-x'], 10000, 1000, 20000, 5, True),
-         'l': (['-l'], 10000, 1000, 20000, 5, True), 'x-lean': (['-x'], 10000, 1000, 20000, 5, False),
-         'l-lean': (['-l'], 10000, 1000, 20000, 5, False)}
+MODES = {'default': ([], 300, 25, 1200, 5, True), 'x': (['-x'], 2000, 250, 20000, 5, True),
+         'l': (['-l'], 2000, 250, 20000, 5, True), 'x-lean': (['-x'], 10000, 250, 20000, 6, False),
+         'l-lean': (['-l'], 10000, 250, 20000, 6, False)}
 
 
 def filter_program():
@@ -147,11 +147,6 @@ def server_drops():
     return 0
 
 
-def write_stations(numbers):
-    os.makedirs('/tmp/devsim', exist_ok=True)
-    with open('/tmp/devsim/stations', 'w') as f:
-        f.writelines('%s 10.%d.%d.%d %d %d\n' % (mac_text(n), (n >> 16) & 255, (n >> 8) & 255, n & 255,
-                                                1000 + n, 2000 + n) for n in numbers)
 
 
 def sleep_until(t):
@@ -246,13 +241,15 @@ def one_run(rig, options, n, known=True):
     # time() of the daemon is the kernel's coarse clock, a few ms behind: the logins begin a little
     # into their second.
     begin = second + 0.01
+    logins = [(records.login('user%d' % i, mac_text(i), '02-00-00-00-00-01:SSID1', IFACE, interim=INTERIM),
+               records.report(mac_bytes(i), ip_text(i), IFACE)) for i in range(n)]
     sleep_until(begin)
     mark, drops = sn.mark(), server_drops()
     first = time.time()
-    for i in range(n):
+    for i, (login, address) in enumerate(logins):
         sleep_until(begin + LOGIN_SPREAD * i / n)
-        dev.login(i, INTERIM)
-        dev.report(i)
+        dev.unix.sendto(login, '/tmp/accounting_recv_radius.sock')
+        dev.unix.sendto(address, '/tmp/accounting_recv_wireless_hal.sock')
     last = time.time()
     # A Start that is still not answered fails the run (starts_answered < n).
     harness._poll(lambda: len(sn.parse(mark)[1]) >= n or time.time() > last + 45, 50, lambda: 'never')
