@@ -359,6 +359,9 @@ def cpu_round(rig, first, packets):
     batch('Interim-Update', 1, lambda i: sn.wait_answers(mark + N_SESSION, timeout=INTERIM + 15), N_SESSION)
     # The lock held per update: every hold of any thread while the updates went out and were answered.
     after = lock_counters()
+    # Each update takes the lock at least once: fewer holds means that the preload missed the lock.
+    assert after[1] - lock[1] >= N_SESSION, 'lockstat counted %d holds of the lock for %d Interim-Updates' % (
+        after[1] - lock[1], N_SESSION)
     out['held'] = (after[0] - lock[0]) / N_SESSION / 1e9
     out['longest'] = after[2] / 1e9
     # The gap between two answers within a pass, the measure before: how long each update held the

@@ -267,8 +267,11 @@ def capacity_lines():
                                  best['probes']) if best else '–'
         goal = ''
         if mode != 'default':
-            goal = 'N ≥ 10,000, Start ≤ 100 ms: ' + verdict(
-                bool(best) and best['n'] >= 10000 and best['start_max'] is not None and best['start_max'] <= 0.1)
+            # The Start's goal holds at every N tried, the largest above all.
+            starts = [r['start_max'] for r in m['runs'] if r['start_max'] is not None]
+            goal = 'N ≥ 10,000: %s; Start ≤ 100 ms at every N tried (up to {:,}): %s'.format(
+                max(r['n'] for r in m['runs'])) % (verdict(bool(best) and best['n'] >= 10000),
+                                                    verdict(bool(starts) and max(starts) <= 0.1))
         lines.append('| %s | %s | %s | %s | %s | %s | %s, load %.2f |' % (
             LABELS.get(mode, mode), '{:,}'.format(m['capacity']) if m['capacity'] else 'none tried',
             '{:,}'.format(m['failed_at']) if m['failed_at'] else '–', delays, start, goal, m['date'],
