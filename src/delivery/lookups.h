@@ -20,7 +20,9 @@
 // once at most, and a worker does not take a node that another worker's
 // look-up is still running for.
 //
-// Everything here expects `mutex` held, but lookups_start.
+// Everything here expects `mutex` held, but lookups_start and
+// lookups_start_helpers (before the threads, or in tests) and lookup_run
+// (which runs without it).
 #ifndef METERD_DELIVERY_LOOKUPS_H
 #define METERD_DELIVERY_LOOKUPS_H
 
@@ -80,8 +82,9 @@ int lookups_address_now(const char *mac, struct in_addr *ip);
 
 struct lookups_counts {
     unsigned long started;    // look-ups begun by a worker
-    unsigned long timed_out;  // ... of which the address, the counters or both took too long
-    unsigned long killed;     // ovat children killed (a time-out, or output past its limit)
+    unsigned long timed_out;  // ... of which the address, the counters or both took too long, and
+                              // login Starts whose address took too long (lookups_address_now)
+    unsigned long killed;     // ovat children killed (a time-out, or output past its limit), both kinds
     unsigned long gone;       // ... whose session was gone, moved or replaced at the end
     unsigned long pending;    // nodes on lookup_header now, waiting or being looked up
 };
