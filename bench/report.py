@@ -254,7 +254,7 @@ def capacity_lines():
              '0.97) and the logins are timed so that their updates fall due just after a pass, the worst case, '
              'in which every update first waits 2.7 to 3 s for the next pass. N passes when every update arrives '
              'within 5 s of its due second. Search: doubling from the first N, halving while it fails, then '
-             'bisection to within an eighth, at most 5 runs a mode. During the pass a new station logs in every '
+             'bisection to within an eighth, at most 5 runs a mode (6 for a lean one, which begins at 10,000). During the pass a new station logs in every '
              '50 ms until the last update has arrived: the time from its login record to its Start\'s answer '
              'at the daemon.', '',
              '| meterd | largest N within 5 s | smallest N that failed | at N: Interim-Update delay max, p99 '
