@@ -137,6 +137,13 @@ def pin(pid, core):
             os.sched_setaffinity(int(tid), {core})
 
 
+def udp_drops():
+    """Datagrams that any full socket buffer of the namespace dropped so far, the daemon's too."""
+    head, values = [line.split() for line in harness.read_file('/proc/net/snmp').splitlines()
+                    if line.startswith('Udp:')]
+    return int(values[head.index('RcvbufErrors')])
+
+
 def server_drops():
     """Datagrams that FreeRADIUS's full socket buffer dropped so far: those never reached it, although
     the packet socket saw them."""
@@ -244,7 +251,7 @@ def one_run(rig, options, n, known=True):
     logins = [(records.login('user%d' % i, mac_text(i), '02-00-00-00-00-01:SSID1', IFACE, interim=INTERIM),
                records.report(mac_bytes(i), ip_text(i), IFACE)) for i in range(n)]
     sleep_until(begin)
-    mark, drops = sn.mark(), server_drops()
+    mark, drops, all_drops = sn.mark(), server_drops(), udp_drops()
     first = time.time()
     for i, (login, address) in enumerate(logins):
         sleep_until(begin + LOGIN_SPREAD * i / n)
@@ -301,7 +308,8 @@ def one_run(rig, options, n, known=True):
            'start_median': statistics.median(start_delays) if start_delays else None,
            'probes': len(start_delays),
            'daemon_cpu': (sum(after[0]) - sum(before[0])) / 1e9, 'server_cpu': (sum(after[1]) - sum(before[1])) / 1e9,
-           'drops': server_drops() - drops}
+           'drops': server_drops() - drops, 'all_drops': udp_drops() - all_drops,
+           'sent_again': sum(1 for r in requests if r[3] == 3 and r[4] in due) - len(arrived)}
     run['ok'] = run['missing'] == 0 and run['max'] <= LIMIT and len(due) == n and run['drops'] == 0
     rig.daemon_stop()
     return run
@@ -310,11 +318,11 @@ def one_run(rig, options, n, known=True):
 def show(mode, r):
     print('%s N=%d: %s; max %.2f s, p99 %.2f s (first %.2f s, pass %.2f s after %.2f s wait), %d missing; '
           'Start during the pass: max %s, median %s (%d); logins took %.2f s, Starts over %.2f s, due %s; '
-          'CPU daemon %.2f s, FreeRADIUS %.2f s; dropped at FreeRADIUS %d; load %.2f' % (
+          'CPU daemon %.2f s, FreeRADIUS %.2f s; dropped at FreeRADIUS %d, in all %d; updates sent again %d; load %.2f' % (
               mode, r['n'], 'ok' if r['ok'] else 'NOT within %g s' % LIMIT, r['max'], r['p99'], r['first'],
               r['pass'], r['wait_for_pass'], r['missing'], ms(r['start_max']), ms(r['start_median']), r['probes'],
               r['logins_took'], r['starts_spread'], r['due_seconds'], r['daemon_cpu'], r['server_cpu'],
-              r['drops'], r['load'][0]), flush=True)
+              r['drops'], r['all_drops'], r['sent_again'], r['load'][0]), flush=True)
 
 
 def ms(seconds):
