@@ -3,6 +3,7 @@
 (tests/system/harness.py): CPU per answered request, a storm of logins, memory per idle session and
 size, each in both modes, the design's (default) and extended accounting (meterd -x). Writes
 bench/results.md and bench/results.png and prints the table. Run it through bench/run."""
+import contextlib
 import ctypes
 import heapq
 import os
@@ -168,6 +169,41 @@ class Sniffer(threading.Thread):
                 raise AssertionError('%d answers to meterd, wanted %d' % (len(self.answers), n))
 
 
+LOCKSTAT = '/tmp/bench/lockstat'
+
+
+@contextlib.contextmanager
+def lockstat():
+    """A daemon started inside it runs with bench/lockstat.cc preloaded, which keeps in LOCKSTAT how
+    long its threads hold the lock `mutex` (the address of the symbol in the binary, which keeps its
+    symbols). Only the daemon has it: it takes it out of the environment that its children get."""
+    binary = os.path.join(harness.BUILD_DIR, 'meterd')
+    symbols = subprocess.run(['nm', binary], check=True, capture_output=True, text=True).stdout
+    offset = re.search(r'^([0-9a-f]+) [BbDd] mutex$', symbols, re.M).group(1)
+    if os.path.exists(LOCKSTAT):
+        os.unlink(LOCKSTAT)
+    env = {'LD_PRELOAD': os.path.join(harness.BUILD_DIR, 'liblockstat.so'), 'METERD_LOCKSTAT': LOCKSTAT,
+           'METERD_LOCK_OFFSET': offset}
+    os.environ.update(env)
+    try:
+        yield
+    finally:
+        for name in env:
+            del os.environ[name]
+
+
+def lock_counters(longest_from_now=False):
+    """(ns held in all, holds, the longest hold in ns, ns waited for it) so far; with longest_from_now
+    the longest hold counts from here on."""
+    fd = os.open(LOCKSTAT, os.O_RDWR)
+    try:
+        if longest_from_now:
+            os.pwrite(fd, bytes(8), 16)
+        return struct.unpack('<4Q', os.pread(fd, 32, 0))
+    finally:
+        os.close(fd)
+
+
 def radclient_cpu(packet, count):
     """CPU ns of one radclient that sends the request `count` times, one at a time."""
     path = '/tmp/bench/request'
@@ -249,7 +285,8 @@ class Rig:
             if os.path.exists(path):
                 os.unlink(path)
         self.daemon = harness.Meterd(self.options)  # no -d: the console stays quiet
-        self.daemon.start()
+        with lockstat():
+            self.daemon.start()
         self.pid = self.daemon.proc.pid
         self.sniffer.watch(None if any_port else udp_port(self.pid), port)
         self.control(records.ev_init(IFACE, '127.0.0.1', port, SECRET))
@@ -318,12 +355,19 @@ def cpu_round(rig, first, packets):
     # A Start is a login and the station's address report; the scheduler sends the Interim-Updates in
     # its own passes; a Stop is a disassociation on netlink.
     batch('Start', N_SESSION, lambda i: session(i, lambda n: dev.login(n, INTERIM), dev.report))
-    mark = sn.count()
+    mark, lock = sn.count(), lock_counters(longest_from_now=True)
     batch('Interim-Update', 1, lambda i: sn.wait_answers(mark + N_SESSION, timeout=INTERIM + 15), N_SESSION)
-    # A pass sends the due updates one after the other, each look-up with the lock held: the gap
-    # between two answers is how long every other thread waits for one update.
+    # The lock held per update: every hold of any thread while the updates went out and were answered.
+    after = lock_counters()
+    # Each update takes the lock at least once: fewer holds means that the preload missed the lock.
+    assert after[1] - lock[1] >= N_SESSION, 'lockstat counted %d holds of the lock for %d Interim-Updates' % (
+        after[1] - lock[1], N_SESSION)
+    out['held'] = (after[0] - lock[0]) / N_SESSION / 1e9
+    out['longest'] = after[2] / 1e9
+    # The gap between two answers within a pass, the measure before: how long each update held the
+    # lock while the pass ran their look-ups under it one after the other; not once they run outside.
     times = sn.answers[mark:mark + N_SESSION]
-    out['held'] = statistics.median(b - a for a, b in zip(times, times[1:]) if b - a < 1)
+    out['gap'] = statistics.median(b - a for a, b in zip(times, times[1:]) if b - a < 1)
     batch('Stop', N_SESSION, lambda i: session(i, dev.disassoc))
     return out
 
@@ -439,10 +483,11 @@ def main():
             rounds = []
             for r in range(ROUNDS):
                 rounds.append(cpu_round(rig, 1 + r * N_SESSION, packets))
-                print('round %d, us per request (meterd threads/children/radclient): %s; lock held %.1f ms per '
-                      'Interim-Update' % (r + 1, ', '.join('%s %s' % (k, '/'.join('%.0f' % (x / 1000) for x in v))
-                                                           for k, v in rounds[-1].items() if k in KINDS),
-                                          rounds[-1]['held'] * 1000), flush=True)
+                print('round %d, us per request (meterd threads/children/radclient): %s; lock held %.3f ms per '
+                      'Interim-Update, longest hold %.3f ms, gap %.3f ms' % (
+                          r + 1, ', '.join('%s %s' % (k, '/'.join('%.0f' % (x / 1000) for x in v))
+                                           for k, v in rounds[-1].items() if k in KINDS),
+                          rounds[-1]['held'] * 1000, rounds[-1]['longest'] * 1000, rounds[-1]['gap'] * 1000), flush=True)
             storms = []
             for stations, spread, delay in STORMS:
                 storms.append(storm(rig, stations, spread, delay))
@@ -454,7 +499,7 @@ def main():
     finally:
         rig.stop()
     import report
-    report.write(results, binary, N_RADCLIENT)
+    report.write(results, binary, N_RADCLIENT, N_SESSION)
 
 
 if __name__ == '__main__':

@@ -1,16 +1,24 @@
 """Turns the figures of bench.py into bench/results.md, bench/results.png and the printed table."""
+import json
+import math
 import os
 import statistics
 import time
 
 BENCH = os.path.dirname(os.path.abspath(__file__))
+RESULTS, CAPACITY = os.path.join(BENCH, 'results.md'), os.path.join(BENCH, 'capacity.json')
+# What follows this line in results.md was written by hand, and each run carries it over.
+KEPT = '<!-- written by hand below: carried over by bench/run -->'
+CAPACITY_BEGIN, CAPACITY_END = '<!-- capacity -->', '<!-- end of capacity -->'
 PIPELINE = 'shell pipeline for the address (`ovat | grep | awk` through popen), by design'
 REQUESTS = (  # kind, label, short label, whether the children's CPU (the shell pipeline) counts
     ('Accounting-On', 'Accounting-On (control datagram)', 'On', False),
     ('Accounting-Off', 'Accounting-Off (control datagram)', 'Off', False),
     ('Start', 'Start (login record, address report, answer)', 'Start', False),
-    ('Interim-Update', 'Interim-Update, daemon threads (popen and pclose included)', 'Interim\n(threads)', False),
-    ('Interim-Update', 'Interim-Update with its ' + PIPELINE, 'Interim\n+ pipeline', True),
+    ('Interim-Update', 'Interim-Update, daemon threads (starting and reaping the look-ups\' children included)',
+     'Interim\n(threads)', False),
+    ('Interim-Update', 'Interim-Update with its look-ups\' children: meterd\'s ' + PIPELINE + '; meterd -x\'s '
+     '`ovat` alone (-l)', 'Interim\n+ children', True),
     ('Stop', 'Stop (driver disassociation on netlink)', 'Stop', False),
 )
 
@@ -37,11 +45,13 @@ def verdict(ok):
     return 'met' if ok else 'not met'
 
 
-def write(results, binary, n_radclient):
+def write(results, binary, n_radclient, n_session):
     """results: {mode: (rounds, storms, memory)} for 'default' and 'extended' (meterd -x)."""
     (rounds, storms, mem), (xrounds, xstorms, xmem) = results['default'], results['extended']
     per_session = [per_idle_session(m) for m in (mem, xmem)]
     held = [statistics.median(r['held'] for r in rs) * 1000 for rs in (rounds, xrounds)]
+    longest = [statistics.median(r['longest'] for r in rs) * 1000 for rs in (rounds, xrounds)]
+    gap = [statistics.median(r['gap'] for r in rs) * 1000 for rs in (rounds, xrounds)]
     lines = ['# meterd benchmark', '',
              'Written by `bench/run` on %s: Release build on the simulated access point, FreeRADIUS and '
              'radclient 3.2 on the loopback of a private network namespace. Every figure in both modes: the '
@@ -58,9 +68,25 @@ def write(results, binary, n_radclient):
         by_design = ', by design' if 'by design' in label else ''
         lines.append('| %s | %.0f | %.0f | %.0f | %.2f | %.2f | %s%s |' % (
             label, mine, xmine, theirs, ratio, xratio, verdict(max(ratio, xratio) <= 1 / 3), by_design))
-    lines += ['', 'Each Interim-Update holds the lock for its look-ups (by design): %.1f ms (meterd -x: %.1f ms), '
-              'the median gap between two answers within a scheduler pass, during which every other thread '
-              'waits.' % tuple(held),
+    interim = [next(r for r in cpu_rows(rs) if r[1] == 'Interim\n+ children')[2] / 1000 for rs in (rounds, xrounds)]
+    lines += ['', '## The Interim-Update: CPU and the lock', '',
+              '| | meterd | meterd -x | goal with -x |', '|---|---:|---:|---|',
+              '| CPU per Interim-Update with its look-ups\' children (from the table above) | %.3f ms | %.3f ms '
+              '| ≤ 1 ms: %s |' % (interim[0], interim[1], verdict(interim[1] <= 1)),
+              '| Lock held per Interim-Update (all holds of all threads while the round\'s updates went out and '
+              'were answered, divided by them) | %.3f ms | %.3f ms | ≤ 0.1 ms: %s |' % (
+                  held[0], held[1], verdict(held[1] <= 0.1)),
+              '| Longest single hold meanwhile (the scheduler\'s pass holds the lock from its first due update '
+              'to its last) | %.1f ms | %.1f ms | |' % tuple(longest),
+              '| Gap between two answers within a pass (the measure before) | %.3f ms | %.3f ms | |' % tuple(gap),
+              '', 'The lock is timed inside the daemon: `bench/lockstat.cc`, preloaded into meterd alone '
+              '(`LD_PRELOAD`, taken out of its children\'s environment), stands in for `pthread_mutex_lock`, '
+              '`_trylock`, `_unlock` and the condition waits on the one global `mutex` (found by its symbol) '
+              'and keeps the time from each acquisition to its release, in a file that bench.py reads before '
+              'and after each round\'s %d Interim-Updates. Medians of the rounds. The gap between two answers '
+              'within a pass, the measure before, is the same figure while a pass runs the look-ups under the '
+              'lock one after the other; once they run outside it, it times the look-ups and no longer the '
+              'lock.' % n_session,
               '', '## A storm of logins after a restart', '',
               'A fresh daemon with one profile; each station sends its login record and then its address '
               'report. The time from the last login record to the last Start answered; the Starts sent again '
@@ -95,8 +121,10 @@ def write(results, binary, n_radclient):
               '|---|---:|---|']
     lines += ['| {} | {:,} bytes | {} |'.format(libc, size, ', '.join(needed) or 'none')
               for libc, size, needed in binary] + ['']
-    text = '\n'.join(lines)
-    with open(os.path.join(BENCH, 'results.md'), 'w') as f:
+    lines += capacity_lines()
+    kept = read_results().partition(KEPT)[2]
+    text = '\n'.join(lines) + ('\n' + KEPT + kept if kept else '')
+    with open(RESULTS, 'w') as f:
         f.write(text)
     plot(rounds, xrounds, per_session)
     readme(rounds, storms, xstorms, per_session, binary)
@@ -126,7 +154,7 @@ def readme(rounds, storms, xstorms, per_session, binary):
     (n, b), (_, xb) = per_session[0][-1], per_session[1][-1]
     table = ['| Figure | meterd | radclient | goal |', '|---|---:|---:|---|']
     for short, label in (('On', 'CPU per Accounting-On'), ('Start', 'CPU per Start'), ('Stop', 'CPU per Stop'),
-                         ('Interim\n+ pipeline', 'CPU per Interim-Update, with its shell pipeline (by design)')):
+                         ('Interim\n+ children', 'CPU per Interim-Update, with its shell pipeline (by design)')):
         _, _, mine, theirs, ratio = rows[short]
         table.append('| %s | %.0f µs | %.0f µs | ≤ 1/3 of radclient: %s (%.2f) |' % (
             label, mine, theirs, verdict(ratio <= 1 / 3), ratio))
@@ -190,3 +218,97 @@ def plot(rounds, xrounds, per_session):
     cpu.legend(loc='upper left')
     fig.tight_layout()
     fig.savefig(os.path.join(BENCH, 'results.png'), dpi=100)
+
+
+def read_results():
+    if not os.path.exists(RESULTS):
+        return ''
+    with open(RESULTS) as f:
+        return f.read()
+
+
+LABELS = {'default': 'meterd', 'x': 'meterd -x', 'l': 'meterd -l', 'x-lean': 'meterd -x, lean device',
+          'l-lean': 'meterd -l, lean device'}
+
+
+def seconds(x, fmt='%.2f s'):
+    return '–' if x is None else 'none' if x == math.inf else fmt % x
+
+
+def capacity_lines():
+    """The capacity section of results.md, from bench/capacity.json (bench/capacity.py), between its
+    markers; nothing before its first run."""
+    if not os.path.exists(CAPACITY):
+        return []
+    with open(CAPACITY) as f:
+        modes = json.load(f)['modes']
+    lines = [CAPACITY_BEGIN, '## Capacity of one core', '',
+             'Written by `bench/run --capacity`: N stations log in within one second (paced over 0.8 s, each a '
+             'login record and its address report) with a 60-second interim interval, so that their '
+             'Interim-Updates fall due together. The daemon runs pinned to core 0 (`sched_setaffinity` on every '
+             'thread, which its look-ups\' children inherit), FreeRADIUS (detail file only, no SQL, a 4 MiB socket '
+             'buffer) and the load generator on core 1. The due second of each session is the daemon\'s own '
+             '(`report_time` of its interim queue, from a dump); its arrival is the kernel\'s time of the '
+             'datagram on the loopback on its way into FreeRADIUS (a packet socket). The scheduler runs a pass '
+             'every 3 s, by design: the daemon is started so that its passes come late in their second (0.7 to '
+             '0.97) and the logins are timed so that their updates fall due just after a pass, the worst case, '
+             'in which every update first waits 2.7 to 3 s for the next pass. N passes when every update arrives '
+             'within 5 s of its due second. Search: doubling from the first N, halving while it fails, then '
+             'bisection to within an eighth, at most 5 runs a mode (6 for a lean one, which begins at 10,000). During the pass a new station logs in every '
+             '50 ms until the last update has arrived: the time from its login record to its Start\'s answer '
+             'at the daemon.', '',
+             '| meterd | largest N within 5 s | smallest N that failed | at N: Interim-Update delay max, p99 '
+             '| at N: Start during the pass, max (median, Starts) | goal | measured |',
+             '|---|---:|---:|---|---|---|---|']
+    for mode, m in modes.items():
+        best = next((r for r in m['runs'] if r['n'] == m['capacity'] and r['ok']), None)
+        delays = '%s, %s' % (seconds(best['max']), seconds(best['p99'])) if best else '–'
+        start = '%s (%s, %d)' % (seconds(best['start_max'], '%.3f s'), seconds(best['start_median'], '%.3f s'),
+                                 best['probes']) if best else '–'
+        goal = ''
+        if mode != 'default':
+            # The Start's goal holds at every N tried, the largest above all.
+            starts = [r['start_max'] for r in m['runs'] if r['start_max'] is not None]
+            goal = 'N ≥ 10,000: %s; Start ≤ 100 ms at every N tried (up to {:,}): %s'.format(
+                max(r['n'] for r in m['runs'])) % (verdict(bool(best) and best['n'] >= 10000),
+                                                    verdict(bool(starts) and max(starts) <= 0.1))
+        lines.append('| %s | %s | %s | %s | %s | %s | %s, load %.2f |' % (
+            LABELS.get(mode, mode), '{:,}'.format(m['capacity']) if m['capacity'] else 'none tried',
+            '{:,}'.format(m['failed_at']) if m['failed_at'] else '–', delays, start, goal, m['date'],
+            statistics.median(r['load'][0] for r in m['runs'])))
+    lines += ['', 'Every run: the delays from due second to arrival; the wait for the pass that serves the '
+              'earliest due second; the pass, from the first update\'s arrival to the last; how long the logins '
+              'took to send and over how long their Starts reached FreeRADIUS; CPU in the pass (from 1 s before '
+              'the due second to 1 s after the last arrival) of the daemon with its children, and of FreeRADIUS; '
+              'datagrams that FreeRADIUS\'s full socket buffer dropped (the packet socket saw them, FreeRADIUS did not: '
+              'the run fails); the load average before the run.', '',
+              '| meterd | N | within 5 s | max | p99 | wait for the pass | pass | Start during the pass, max '
+              '| logins sent in | Starts over | CPU daemon, FreeRADIUS | drops | load |',
+              '|---|---:|---|---:|---:|---:|---:|---:|---:|---:|---|---:|---:|']
+    for mode, m in modes.items():
+        for r in m['runs']:
+            lines.append('| %s | {:,} | %s | %s | %s | %.2f s | %.2f s | %s | %.2f s | %.2f s | %.1f s, %.1f s | %d '
+                         '| %.2f |'.format(r['n']) % (
+                             LABELS.get(mode, mode),
+                             'yes' if r['ok'] else 'no' + (' (%d missing)' % r['missing'] if r['missing'] else ''),
+                             seconds(r['max']), seconds(r['p99']),
+                             r['wait_for_pass'], r['pass'], seconds(r['start_max'], '%.3f s'), r['logins_took'],
+                             r['starts_spread'], r['daemon_cpu'], r['server_cpu'], r['drops'], r['load'][0]))
+    return lines + ['', CAPACITY_END]
+
+
+def update_capacity():
+    """Puts the capacity section into results.md in place of the one there, or before the part written
+    by hand, or at its end."""
+    text, section = read_results(), '\n'.join(capacity_lines())
+    if CAPACITY_BEGIN in text and CAPACITY_END in text:
+        head, rest = text.split(CAPACITY_BEGIN, 1)
+        text = head + section + rest.split(CAPACITY_END, 1)[1]
+    elif KEPT in text:
+        head, kept = text.split(KEPT, 1)
+        text = head + section + '\n\n' + KEPT + kept
+    else:
+        text = text.rstrip('\n') + '\n\n' + section + '\n'
+    with open(RESULTS, 'w') as f:
+        f.write(text)
+    print(section)
