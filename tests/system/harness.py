@@ -26,6 +26,9 @@ EXTENDED = os.environ.get('METERD_MODE') == 'extended'
 STDERR_FILE = '/tmp/meterd.stderr'
 # Taken before the first tmpfs can hide the build folder (see _tmpfs); kept for the whole run.
 BUILD_FD = os.open(BUILD_DIR, os.O_PATH)
+# A meterd under ThreadSanitizer, whose runtime keeps a thread of its own.
+TSAN = os.path.exists(os.path.join(BUILD_DIR, 'meterd')) and \
+    b'__tsan_init' in pathlib.Path(BUILD_DIR, 'meterd').read_bytes()
 
 # What follows the header of the Accounting-On and -Off of a profile without a NAS address.
 ON_TAIL = bytes.fromhex('280600000007 2D0600000001 04067F000001 050600000000 3D060000000F 31060000000B')
@@ -146,14 +149,17 @@ class Meterd:
     def start(self):
         env = dict(os.environ, PATH=BUILD_DIR + os.pathsep + os.environ.get('PATH', ''),
                    ASAN_OPTIONS='detect_leaks=0:verify_asan_link_order=0', UBSAN_OPTIONS='print_stacktrace=1')
+        # A meterd built with the test clock (METERD_TEST_CLOCK=ON: static, or under ThreadSanitizer,
+        # whose runtime and libfaketime hang together) reads FAKETIME itself; any other needs the library.
+        own_clock = b'__wrap_time' in pathlib.Path(BUILD_DIR, 'meterd').read_bytes()
         if self.speed:
-            env.update(LD_PRELOAD=FAKETIME_LIB, FAKETIME='+0 x%g' % self.speed, FAKETIME_DONT_RESET='1')
+            env.update(FAKETIME='+0 x%g' % self.speed, FAKETIME_DONT_RESET='1')
+            if not own_clock:
+                env.update(LD_PRELOAD=FAKETIME_LIB)
         _spawn(self, [os.path.join(BUILD_DIR, 'meterd')] + self.args, STDERR_FILE,
                lambda: os.path.exists(PID_FILE) and _bound(CONTROL_SOCK), env=env)
-        if self.speed:
-            # A static meterd ignores LD_PRELOAD: it must carry the same clock (METERD_TEST_CLOCK=ON).
-            assert FAKETIME_LIB in read_file('/proc/%d/maps' % self.proc.pid) or \
-                b'__wrap_time' in pathlib.Path(BUILD_DIR, 'meterd').read_bytes(), 'libfaketime was not preloaded'
+        if self.speed and not own_clock:
+            assert FAKETIME_LIB in read_file('/proc/%d/maps' % self.proc.pid), 'libfaketime was not preloaded'
 
     def stderr(self):
         return read_file(STDERR_FILE)
