@@ -187,9 +187,10 @@ class Tls(harness.SystemTest):
     def test_a_restarted_server_loses_nothing(self):
         server = self.start(FreeRadius(SECRET, tls=self.certs))
         self.begin(server, self.meterd('-x'), 'S-r')
-        # Away while an Interim-Update falls due; the same detail file when it is back.
+        # Away while an Interim-Update falls due and its pass sends it (3 s each at most, and its
+        # look-up); the same detail file when it is back.
         server.stop()
-        time.sleep(4)
+        time.sleep(8)
         server = self.start(FreeRadius(SECRET, tls=self.certs))
         # The Interim-Update of the outage comes late, not lost; then the Stop.
         late = server.wait_records(4, timeout=40)[3]
