@@ -532,6 +532,16 @@ bool parse_stats(char *text, stats_report *r)
     return true;
 }
 
+// A line of a word and name-value pairs ("backlog", "lookups") as a JSON
+// member named by its word.
+void print_pairs_json(const stats_line &l)
+{
+    printf(", \"%s\": {", l.word[0]);
+    for (int i = 1; i < l.count; i += 2)
+        printf("%s\"%s\": %s", i > 1 ? ", " : "", l.word[i], l.word[i + 1]);
+    printf("}");
+}
+
 void print_stats_json(const stats_report *r)
 {
     printf("{\"extensions\": {");
@@ -557,17 +567,11 @@ void print_stats_json(const stats_report *r)
                 printf(", \"%s\": %s", l.word[i], l.word[i + 1]);
             printf("}");
         }
-        printf("], \"backlog\": {");
-        for (int i = 1; i < r->backlog.count; i += 2)
-            printf("%s\"%s\": %s", i > 1 ? ", " : "", r->backlog.word[i], r->backlog.word[i + 1]);
-        printf("}");
+        printf("]");
+        print_pairs_json(r->backlog);
     }
-    if (r->lookups.count) {
-        printf(", \"lookups\": {");
-        for (int i = 1; i < r->lookups.count; i += 2)
-            printf("%s\"%s\": %s", i > 1 ? ", " : "", r->lookups.word[i], r->lookups.word[i + 1]);
-        printf("}");
-    }
+    if (r->lookups.count)
+        print_pairs_json(r->lookups);
     if (r->transports) {
         printf(", \"transports\": [");
         for (int t = 0; t < r->transports; t++) {

@@ -225,18 +225,16 @@ void lookup_run(struct lookup_job *job)
 
     // The database is asked first, and answers while ovat runs.
     struct counters_helper *h = &helpers[job->worker];
-    uint32_t request = h->started ? counters_ask(h, rrm_mac) : 0;
     if (!h->started) {
         station_counters(rrm_mac, &job->counters, policy->read_counter);
+        job->found = look_up_address(job->mac, &job->ip, &job->timed_out, &job->killed);
         job->counted = true;
-    }
-
-    job->found = look_up_address(job->mac, &job->ip, &job->timed_out, &job->killed);
-
-    if (h->started)
+    } else {
+        uint32_t request = counters_ask(h, rrm_mac);
+        job->found = look_up_address(job->mac, &job->ip, &job->timed_out, &job->killed);
         job->counted = counters_wait(h, request, &until, &job->counters);
-    if (h->started && !job->counted)
-        job->timed_out = true;
+        job->timed_out |= !job->counted;
+    }
     if (job->timed_out)
         TRACE("STA %s look-up timed out\n", job->mac);
 }
